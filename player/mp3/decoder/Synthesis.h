@@ -1,0 +1,17 @@
+#pragma once
+// Polyphase synthesis: matrixing of one slot of 32 subband samples into a channel's ring, and
+// windowing of the ring into 32 PCM samples (truncated toward zero, clipped to 16 bits).
+
+#include <cstdint>
+
+// Writes the 32 matrixing outputs of slot x into ring[offset .. offset + 31].
+void SynthMatrix(const float x[32], float ring[512], uint32_t offset);
+
+// Windows ring (last written at offset) into 32 signed 16-bit little-endian samples at pcm,
+// stride samples apart (1: single channel; 2: interleaved pair).
+void SynthWindowToPcm(const float ring[512], uint32_t offset, uint8_t* pcm, int32_t stride);
+
+// The 18 slots of one granule of one channel: matrixing, windowing and offset update for each
+// slot; pcm is where the channel's first sample goes.
+void SynthesizeSlots(const float slots[18][32], float ring[512], uint32_t* offset, uint8_t* pcm,
+                     int32_t stride);
