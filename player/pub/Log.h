@@ -29,6 +29,9 @@ public:
     // 1 when the text was written, 0 when the file could not be opened.
     int WriteToFile(const char* text);
 
+    // The name the file is opened by (relative to the working directory at the first write).
+    const char* FileName() const { return m_szFileName; }
+
 protected:
     char m_szFileName[260];
     FILE* m_fp;
@@ -36,5 +39,7 @@ protected:
 };
 
 // The one log of the process. It is never destroyed: play threads may still log while the
-// process exits.
+// process exits, so the object outlives every thread and the process ends with ExitProcess
+// (each piece is already flushed). It is made during static initialisation: do not log from
+// other units' static constructors.
 extern CLogFile& g_logFile;

@@ -1,0 +1,71 @@
+#include "player/pub/LogPlatform.h"
+
+#include <windows.h>
+
+#include <cstdio>
+#include <mbstring.h>
+#include <new>
+
+const char kLogDefaultFileName[] = ".\\quorbel.log";
+
+void LogGetLocalTime(LogTime* time)
+{
+    SYSTEMTIME st;
+    GetLocalTime(&st);
+    time->year = st.wYear;
+    time->month = st.wMonth;
+    time->day = st.wDay;
+    time->hour = st.wHour;
+    time->minute = st.wMinute;
+    time->second = st.wSecond;
+    time->millisecond = st.wMilliseconds;
+}
+
+unsigned long LogProcessId()
+{
+    return GetCurrentProcessId();
+}
+
+unsigned long LogThreadId()
+{
+    return GetCurrentThreadId();
+}
+
+void LogFormat(char* buffer, size_t limit, const char* format, va_list args)
+{
+    _vsnprintf(buffer, limit, format, args);
+}
+
+const char* LogFindLineFeed(const char* text)
+{
+    return reinterpret_cast<const char*>(
+        _mbschr(reinterpret_cast<const unsigned char*>(text), '\n'));
+}
+
+static_assert(sizeof(CRITICAL_SECTION) <= 64 && alignof(CRITICAL_SECTION) <= 8,
+              "CLogLock storage too small for a CRITICAL_SECTION");
+
+static CRITICAL_SECTION* Section(unsigned char* storage)
+{
+    return reinterpret_cast<CRITICAL_SECTION*>(storage);
+}
+
+CLogLock::CLogLock()
+{
+    InitializeCriticalSection(new (m_storage) CRITICAL_SECTION);
+}
+
+CLogLock::~CLogLock()
+{
+    DeleteCriticalSection(Section(m_storage));
+}
+
+void CLogLock::Enter()
+{
+    EnterCriticalSection(Section(m_storage));
+}
+
+void CLogLock::Leave()
+{
+    LeaveCriticalSection(Section(m_storage));
+}
