@@ -1,5 +1,7 @@
 #pragma once
-// RIFF/WAVE reader working in place on the mapped file.
+// RIFF/WAVE reader working in place on the mapped file. Every pointer it hands out points into
+// the view and every chunk it returns lies wholly inside the file: the walk stops at the first
+// chunk whose header or declared body would reach past the end.
 
 #include <cstdint>
 
@@ -10,7 +12,10 @@ public:
     CWavFile();
     ~CWavFile();
 
+    // Maps and validates the file; 1 when it is a RIFF/WAVE PCM file with a "data" chunk. On
+    // failure the reason is logged and the object is closed.
     int Open(const char* fileName);
+    // Validates the mapped view and sets the three chunk pointers; 1/0.
     int InitFileInfo();
     void Close();
 
@@ -21,7 +26,9 @@ public:
     const uint8_t* NextDataChunk(const uint8_t* chunk) const;
 
     // Fields of the first "fmt " chunk and of a chunk header, read with memcpy (chunks may
-    // sit at odd addresses).
+    // sit at odd addresses); all values are little-endian. A "fmt " body shorter than 16 bytes reads as if the missing
+    // bytes were zero: only the chunk's own bytes are read, and a format of zero channels,
+    // rate or bits is refused by the output device.
     uint16_t AudioFormat() const;
     uint16_t NumChannels() const;
     uint32_t SampleRate() const;
@@ -29,6 +36,10 @@ public:
     static uint32_t ChunkId(const uint8_t* chunk);
     static uint32_t ChunkSize(const uint8_t* chunk);
     static const uint8_t* ChunkBody(const uint8_t* chunk) { return chunk + 8; }
+
+    // Called inside Open's exception guard after the file is mapped, when set. Tests set it
+    // to a function that throws; the server leaves it null.
+    static void (*s_pfnOpenFault)();
 
     char szFileName[260];
     const uint8_t* pRiffHeader;
