@@ -1,0 +1,58 @@
+#pragma once
+// The main frame's link to the players: one player per file type, made on first need, chosen
+// by the file name's extension. Main thread only. Windows only.
+
+#include <windows.h>
+
+#include <cstdint>
+
+class CSoundFilePlayer;
+
+class CPlayerRegistry {
+public:
+    enum { kWavSlot = 0, kMP3Slot = 1, kSlotCount = 2 };
+    // How long a close waits for the play threads: a stopped play drains its ring (about
+    // 0.2 s, later under load) and a play still opening needs its device first.
+    static const DWORD kShutdownWaitMs = 5000;
+
+    // Makes the player of a slot; null when it cannot be made (or the type has no player).
+    typedef CSoundFilePlayer* (*PlayerFactory)(int nSlot);
+
+    CPlayerRegistry();
+    // Shuts down first when that has not been done.
+    ~CPlayerRegistry();
+
+    CPlayerRegistry(const CPlayerRegistry&) = delete;
+    CPlayerRegistry& operator=(const CPlayerRegistry&) = delete;
+
+    static BOOL HasExtension(const char* pszFileName, const char* pszExt);
+    CSoundFilePlayer* GetPlayer(const char* pszFileName);
+
+    int Play(LONG hClientWnd, const char* pszFileName, uint32_t bLoop, DWORD dwForegroundPid);
+    void StopFile(LONG hClientWnd, const char* pszFileName);
+    void StopOtherFiles(LONG hClientWnd, const char* pszFileName);
+    void StopClient(LONG hClientWnd);
+    void SetForegroundProcess(DWORD dwPid);
+
+    // Ends playback for good: no player is made any more, every play of every client is
+    // stopped, and the play threads get dwTimeoutMs to end. A player whose threads outlive the
+    // wait is left undestroyed (logged), since a thread may still use it. 1 when all ended.
+    int Shutdown(DWORD dwTimeoutMs);
+
+    // Replaces how players are made (tests observe the registry through players of their own).
+    // Set it before the first request; null restores the built-in players.
+    void SetPlayerFactory(PlayerFactory pfnFactory) { m_pfnFactory = pfnFactory; }
+
+    // The player of a slot, or null while it is not made.
+    CSoundFilePlayer* PlayerAt(int nSlot) const;
+
+    CSoundFilePlayer* m_pWavPlayer;
+    CSoundFilePlayer* m_pMP3Player;
+
+private:
+    CSoundFilePlayer*& Slot(int nSlot);
+    CSoundFilePlayer* MakePlayer(int nSlot);
+
+    PlayerFactory m_pfnFactory;
+    bool m_bShutDown;
+};

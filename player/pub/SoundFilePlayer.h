@@ -1,0 +1,93 @@
+#pragma once
+// The base of the players: turns a play request into a record and a detached play thread, keeps
+// the list of plays that are sounding, and carries out the commands that act on running plays
+// (stops, foreground changes). What a play does with its file is the derived class's PlayFile.
+// Windows only.
+
+#include <windows.h>
+
+#include <atomic>
+#include <cstdint>
+#include <list>
+
+class CSoundFilePlayer;
+class CWavOut;
+
+// One accepted play. Belongs to its play thread, which frees it when PlayFile has returned.
+struct PlayRequest {
+    LONG hClientWnd;              // the client window, kept as its 32 bits
+    DWORD dwClientPid;            // owner of hClientWnd when the request was made; 0 for none
+    uint32_t bFollowForeground;   // 1: silenced while the client's process is not in front
+    CSoundFilePlayer* pPlayer;    // runs the play
+    CWavOut* pWavOut;             // set by PlayFile before AddPlaying
+    char szFileName[260];
+    std::atomic<uint32_t> bLoop;  // cleared from the main thread by every stop
+    uint32_t bStartSilent;        // initial silent state of the output
+    uint32_t nForegroundSerial;   // the player's foreground serial when the request was made
+};
+
+class CSoundFilePlayer {
+public:
+    CSoundFilePlayer();
+    virtual ~CSoundFilePlayer();
+
+    CSoundFilePlayer(const CSoundFilePlayer&) = delete;
+    CSoundFilePlayer& operator=(const CSoundFilePlayer&) = delete;
+
+    // Plays the file on the play thread: 1 played, 0 failed (logged).
+    virtual int PlayFile(PlayRequest* pRequest) = 0;
+
+    // Main thread. Non-zero when the play thread was started.
+    int Play(LONG hClientWnd, const char* pszFileName, uint32_t bLoop, DWORD dwForegroundPid);
+    void StopFile(LONG hClientWnd, const char* pszFileName);
+    void StopOtherFiles(LONG hClientWnd, const char* pszFileName);
+    void StopClient(LONG hClientWnd);
+    void SetForegroundProcess(DWORD dwPid);
+
+    // Closing: refuses every later play and join, then stops every running play of every
+    // client. Main thread.
+    void StopAllForClose();
+    // 1 when no play thread of this player is alive any more, waiting at most dwTimeoutMs.
+    int WaitForPlayThreads(DWORD dwTimeoutMs);
+    long LivePlayThreads() const { return m_nPlayThreads.load(); }
+
+    // Play thread. AddPlaying returns 0 when the player is closing: the play must not start.
+    // Its device and record then stay the caller's; it must not call RemovePlaying.
+    int AddPlaying(PlayRequest* pRequest);
+    void RemovePlaying(PlayRequest* pRequest);
+
+protected:
+    // Unlists the play when it leaves scope, also by an exception: the record and the device
+    // must not stay listed once they are gone. Declare it after the output device.
+    class CPlayingGuard {
+    public:
+        CPlayingGuard(CSoundFilePlayer& player, PlayRequest* pRequest)
+            : m_player(player), m_pRequest(pRequest) {}
+        ~CPlayingGuard() { Release(); }
+        void Release() {
+            if (m_pRequest != nullptr) m_player.RemovePlaying(m_pRequest);
+            m_pRequest = nullptr;
+        }
+        CPlayingGuard(const CPlayingGuard&) = delete;
+        CPlayingGuard& operator=(const CPlayingGuard&) = delete;
+
+    private:
+        CSoundFilePlayer& m_player;
+        PlayRequest* m_pRequest;
+    };
+
+private:
+    enum StopSelect { kSelectFile, kSelectOtherFiles, kSelectClient, kSelectAll };
+
+    void StopSelected(StopSelect select, LONG hClientWnd, const char* pszFileName);
+    static DWORD WINAPI PlayThreadProc(LPVOID pParam);
+
+    std::list<PlayRequest*> m_playing;
+    CRITICAL_SECTION m_csPlaying;
+    // The last foreground process reported, and how many reports there were, so that a play
+    // that joins after a report it did not see takes the current state (under m_csPlaying).
+    DWORD m_dwForegroundPid;
+    uint32_t m_nForegroundSerial;
+    bool m_bClosing;  // under m_csPlaying
+    std::atomic<long> m_nPlayThreads;
+};
