@@ -1,0 +1,171 @@
+#include "app/MainFrame.h"
+
+#include <cstdint>
+#include <cstring>
+
+#include "client/QuorbelClient.h"
+
+BEGIN_MESSAGE_MAP(CMainFrame, CFrameWnd)
+    ON_WM_COPYDATA()
+    ON_WM_TIMER()
+    ON_WM_CREATE()
+    ON_WM_CLOSE()
+END_MESSAGE_MAP()
+
+namespace {
+
+// Holds an unnamed mutex for one scope.
+class CMutexLock {
+public:
+    explicit CMutexLock(HANDLE hMutex) : m_hMutex(hMutex) {
+        if (m_hMutex != nullptr) WaitForSingleObject(m_hMutex, INFINITE);
+    }
+    ~CMutexLock() { Release(); }
+    void Release() {
+        if (m_hMutex != nullptr) ReleaseMutex(m_hMutex);
+        m_hMutex = nullptr;
+    }
+    CMutexLock(const CMutexLock&) = delete;
+    CMutexLock& operator=(const CMutexLock&) = delete;
+
+private:
+    HANDLE m_hMutex;
+};
+
+}  // namespace
+
+CMainFrame::CMainFrame()
+    : m_bSweepTimerStarted(FALSE), m_hClientsMutex(nullptr), m_dwForegroundPid(0) {}
+
+CMainFrame::~CMainFrame() {
+    if (m_hClientsMutex != nullptr) CloseHandle(m_hClientsMutex);
+}
+
+BOOL CMainFrame::PreCreateWindow(CREATESTRUCTA& cs) {
+    if (!CFrameWnd::PreCreateWindow(cs)) return FALSE;
+    cs.dwExStyle &= ~static_cast<DWORD>(WS_EX_CLIENTEDGE);
+    cs.lpszClass = AfxRegisterWndClass(0);
+    return cs.lpszClass != nullptr;
+}
+
+DWORD CMainFrame::ForegroundPid() {
+    HWND foreground = GetForegroundWindow();
+    DWORD pid = 0;  // left as it is for a null or dead window
+    if (foreground != nullptr) GetWindowThreadProcessId(foreground, &pid);
+    return pid;
+}
+
+int CMainFrame::OnCreate(LPCREATESTRUCTA lpCreateStruct) {
+    if (CFrameWnd::OnCreate(lpCreateStruct) == -1) return -1;
+    m_bSweepTimerStarted = FALSE;
+    m_hClientsMutex = CreateMutexA(nullptr, FALSE, nullptr);
+    // Only changes from here on are reported to the players.
+    m_dwForegroundPid = ForegroundPid();
+    SetTimer(m_hWnd, TIMER_FOREGROUND, kForegroundPeriodMs, nullptr);
+    return 0;
+}
+
+BOOL CMainFrame::OnCopyData(HWND, PCOPYDATASTRUCT pCopyDataStruct) {
+    // Nothing here is trusted: cbData bounds every read, and a block too short for the client
+    // handle is no request at all.
+    if (pCopyDataStruct == nullptr || pCopyDataStruct->lpData == nullptr ||
+        pCopyDataStruct->cbData < sizeof(uint32_t)) {
+        return TRUE;
+    }
+    const char* data = static_cast<const char*>(pCopyDataStruct->lpData);
+    uint32_t client = 0;
+    memcpy(&client, data, sizeof client);
+    const LONG hClientWnd = static_cast<LONG>(client);
+    const int nCount = static_cast<int>(pCopyDataStruct->dwData & 0xFF);
+    const UINT nFlags = static_cast<UINT>(pCopyDataStruct->dwData >> 16) & 0xFFFF;
+    const char* names = data + sizeof client;
+    const char* end = data + pCopyDataStruct->cbData;
+
+    CMutexLock lock(m_hClientsMutex);
+    if (m_clients.Find(hClientWnd) < 0 && hClientWnd != 0) {
+        if (!m_bSweepTimerStarted) {
+            m_bSweepTimerStarted = TRUE;
+            SetTimer(m_hWnd, TIMER_CLIENT_SWEEP, kSweepPeriodMs, nullptr);
+        }
+        // A client that cannot be listed is still served; it is only never swept.
+        m_clients.Add(hClientWnd);
+    }
+    DispatchRequest(hClientWnd, names, end, nCount, nFlags);
+    return TRUE;
+}
+
+void CMainFrame::DispatchRequest(LONG hClientWnd, const char* pNames, const char* pEnd,
+                                 int nCount, UINT nFlags) {
+    if (nFlags & REQ_STOP_CLIENT) {
+        m_players.StopClient(hClientWnd);
+        return;
+    }
+    const uint32_t bLoop = (nFlags & REQ_LOOP) ? 1 : 0;
+    const DWORD dwForegroundPid = (nFlags & REQ_IGNORE_FOREGROUND) ? 0 : m_dwForegroundPid;
+
+    const char* name = pNames;
+    for (int i = 0; i < nCount && name < pEnd; ++i) {
+        const char* nul = static_cast<const char*>(memchr(name, '\0', static_cast<size_t>(pEnd - name)));
+        if (nul == nullptr) return;  // the block ends inside this name
+        size_t length = static_cast<size_t>(nul - name);
+        const char* next = nul + 1;
+        // A cut name could be another file: a name that does not fit is not carried out.
+        if (length >= kNameBuffer) {
+            name = next;
+            continue;
+        }
+        char szName[kNameBuffer];
+        memcpy(szName, name, length + 1);
+
+        if (!(nFlags & REQ_STOP)) {
+            m_players.Play(hClientWnd, szName, bLoop, dwForegroundPid);
+        } else if (nFlags & REQ_STOP_OTHERS) {
+            m_players.StopOtherFiles(hClientWnd, szName);
+        } else {
+            m_players.StopFile(hClientWnd, szName);
+        }
+        name = next;
+    }
+}
+
+void CMainFrame::OnTimer(UINT_PTR nIDEvent) {
+    Default();
+    switch (nIDEvent) {
+        case TIMER_CLIENT_SWEEP:
+            SweepClients();  // may close the frame: nothing of it is touched after
+            return;
+        case TIMER_FOREGROUND: {
+            DWORD pid = ForegroundPid();
+            if (pid != m_dwForegroundPid) {
+                m_dwForegroundPid = pid;
+                m_players.SetForegroundProcess(pid);
+            }
+            return;
+        }
+        default:
+            return;
+    }
+}
+
+void CMainFrame::SweepClients() {
+    CMutexLock lock(m_hClientsMutex);
+    for (int i = m_clients.GetCount() - 1; i >= 0; --i) {
+        LONG client = m_clients.GetAt(i);
+        if (IsWindow(static_cast<HWND>(LongToHandle(client)))) continue;
+        m_players.StopClient(client);
+        m_clients.RemoveAt(i);
+    }
+    if (m_clients.GetCount() > 0) return;
+    lock.Release();
+    SendMessageA(m_hWnd, WM_CLOSE, 0, 0);
+}
+
+void CMainFrame::OnClose() {
+    KillTimer(m_hWnd, TIMER_CLIENT_SWEEP);
+    KillTimer(m_hWnd, TIMER_FOREGROUND);
+    // Plays still running are stopped, all clients' (those of no window too), and their
+    // threads given time to end, so that no player is destroyed under a running thread and the
+    // process does not end with open sound devices.
+    m_players.Shutdown(CPlayerRegistry::kShutdownWaitMs);
+    CFrameWnd::OnClose();
+}
