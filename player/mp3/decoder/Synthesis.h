@@ -15,3 +15,8 @@ void SynthWindowToPcm(const float ring[512], uint32_t offset, uint8_t* pcm, int3
 // slot; pcm is where the channel's first sample goes.
 void SynthesizeSlots(const float slots[18][32], float ring[512], uint32_t* offset, uint8_t* pcm,
                      int32_t stride);
+
+// The two halves of SynthWindowToPcm. SynthWindowSums leaves the 32 double-precision window
+// sums; SynthSumsToPcm truncates each toward zero, clips it to [-32768, 32767] and stores it.
+void SynthWindowSums(const float ring[512], uint32_t offset, double sums[32]);
+void SynthSumsToPcm(const double sums[32], uint8_t* pcm, int32_t stride);
