@@ -1,11 +1,16 @@
 #pragma once
 // PCM output on the default waveOut device through a fixed ring of buffers.
 // Windows only.
+//
+// The owner (a play thread) does Open, Write..., WaitForBuffers, Close. From other threads only
+// Stop and the bSilent flag are used. Every wait is bounded, so a sound path that stops
+// reporting finished buffers cannot freeze the owner or the thread that stops it.
 
 #include <windows.h>
 #include <mmsystem.h>
 
 #include <atomic>
+#include <cstddef>
 #include <cstdint>
 
 struct WavOutParams {
@@ -14,6 +19,16 @@ struct WavOutParams {
     int32_t nBitsPerSample;
     int32_t nBufferCount;  // below 1: 8
     int32_t nBufferSize;   // below 1: 4096
+};
+
+// The steps that tests replace to make an allocation or the preparation of a buffer fail, or the
+// done notification throw. They default to the real functions (pfnOnDone to null); change them
+// only while no CWavOut is open.
+struct WavOutHooks {
+    void* (*pfnCalloc)(size_t count, size_t size);
+    void (*pfnFree)(void* block);
+    MMRESULT(WINAPI* pfnPrepareHeader)(HWAVEOUT hwo, LPWAVEHDR header, UINT size);
+    void (*pfnOnDone)(WAVEHDR* header);
 };
 
 class CWavOut {
@@ -25,14 +40,29 @@ public:
     CWavOut& operator=(const CWavOut&) = delete;
 
     // 1 opened and ready; 0 failed (logged; the object is closed again and reusable).
+    // The buffer defaults are written back into params. A format of no bytes per second or of
+    // a rate above kMaxSamplesPerSec is refused before the device is asked.
     int Open(WavOutParams& params);
-    // 1 all bytes queued; 0 stopped or not open. Blocks while the ring is full.
+    // 1 all bytes queued; 0 stopped or not open. Blocks while the ring is full. A length below
+    // 1 queues nothing and returns 1.
     int Write(const void* data, int32_t length);
-    // Waits until no buffer is queued any more; always 1.
+    // Waits until no buffer is queued any more; gives up (logged) after WaitLimitMs; always 1.
     int WaitForBuffers();
     // From another thread: hands out no further buffer, then waits for the queued sound.
     int Stop();
     void Close();
+
+    // How long a wait for the device may last: three times the ring's playing time plus a
+    // second. 0 while closed.
+    uint32_t WaitLimitMs() const { return dwWaitLimitMs; }
+
+    // Above this rate Wine's sound path aborts the whole process instead of refusing the format;
+    // no real device plays such a rate.
+    static constexpr int32_t kMaxSamplesPerSec = 384000;
+    // Bit 31 of a header's dwUser: the buffer is queued on the device.
+    static constexpr DWORD_PTR kQueuedMark = 0x80000000;
+
+    static WavOutHooks hooks;
 
     int32_t nChannels;
     int32_t nSamplesPerSec;
@@ -44,7 +74,7 @@ public:
     int32_t nNextBuffer;  // -1: stopped
     uint32_t dwSleepMs;
     CRITICAL_SECTION csLock;
-    // Written by the main thread, read by the writer once per buffer.
+    // Written by other threads, read by the writer once per buffer.
     std::atomic<int32_t> bSilent;
 
 private:
@@ -52,7 +82,15 @@ private:
     int PrepareBuffers();
     int ResetQueue();
     WAVEHDR* GetFreeBuffer();
+    int AnyQueued();
+    int WaitUntilNoneQueued(uint32_t limitMs);
+    void ReportCallbackFaults();
     void OnWaveOutDone(WAVEHDR* header);
     static void CALLBACK WaveOutProc(HWAVEOUT hwo, UINT msg, DWORD_PTR instance, DWORD_PTR param1,
                                      DWORD_PTR param2);
+
+    uint32_t dwWaitLimitMs;
+    // Exceptions caught in the device callback, which may not log; the owner's next call logs
+    // them.
+    std::atomic<uint32_t> nCallbackFaults;
 };
