@@ -1,0 +1,340 @@
+#include "player/mp3/MP3File.h"
+
+#include <cstring>
+
+#include "player/pub/Log.h"
+
+namespace {
+
+// Bitrates in kbit/s. Rows: MPEG-1 Layer I, II, III; MPEG-2/2.5 Layer I; MPEG-2/2.5 Layers
+// II and III. Index 0 is free format and index 15 forbidden: both hold 0 so that a size
+// asked for such a header comes out as 0 instead of reading outside the row.
+const uint32_t kBitrateKbps[5][16] = {
+    {0, 32, 64, 96, 128, 160, 192, 224, 256, 288, 320, 352, 384, 416, 448, 0},
+    {0, 32, 48, 56, 64, 80, 96, 112, 128, 160, 192, 224, 256, 320, 384, 0},
+    {0, 32, 40, 48, 56, 64, 80, 96, 112, 128, 160, 192, 224, 256, 320, 0},
+    {0, 32, 48, 56, 64, 80, 96, 112, 128, 144, 160, 176, 192, 224, 256, 0},
+    {0, 8, 16, 24, 32, 40, 48, 56, 64, 80, 96, 112, 128, 144, 160, 0},
+};
+
+// Sample rates in Hz by the two version bits (00 MPEG-2.5, 01 reserved, 10 MPEG-2, 11
+// MPEG-1) and the sample-rate index. The reserved version reads the MPEG-1 row; index 3 is
+// reserved and holds 0.
+const uint32_t kSampleRateHz[4][4] = {
+    {11025, 12000, 8000, 0},
+    {44100, 48000, 32000, 0},
+    {22050, 24000, 16000, 0},
+    {44100, 48000, 32000, 0},
+};
+
+const uint32_t kVersionMpeg25 = 0;
+const uint32_t kVersionReserved = 1;
+const uint32_t kVersionMpeg1 = 3;
+const uint32_t kLayerBitsReserved = 0;
+const uint32_t kLayerBitsLayer3 = 1;
+const uint32_t kLayerBitsLayer2 = 2;
+const uint32_t kLayerBitsLayer1 = 3;
+const uint32_t kModeSingleChannel = 3;
+const uint32_t kEmphasisReserved = 2;
+
+const uint32_t kId3v2HeaderBytes = 10;
+const uint32_t kId3v2FooterBytes = 10;
+const uint32_t kId3v1TagBytes = 128;
+const uint32_t kHeaderBytes = 4;
+
+uint32_t VersionBits(const uint8_t* h) { return (h[1] >> 3) & 3u; }
+uint32_t LayerBits(const uint8_t* h) { return (h[1] >> 1) & 3u; }
+uint32_t BitrateIndex(const uint8_t* h) { return (h[2] >> 4) & 15u; }
+uint32_t SampleRateIndex(const uint8_t* h) { return (h[2] >> 2) & 3u; }
+uint32_t PaddingBit(const uint8_t* h) { return (h[2] >> 1) & 1u; }
+uint32_t Mode(const uint8_t* h) { return (h[3] >> 6) & 3u; }
+uint32_t Emphasis(const uint8_t* h) { return h[3] & 3u; }
+
+bool IsMpeg1Row(uint32_t versionBits)
+{
+    // The reserved version has no row of its own; it is read as MPEG-1.
+    return versionBits == kVersionMpeg1 || versionBits == kVersionReserved;
+}
+
+uint32_t BitrateRow(uint32_t versionBits, uint32_t layerBits)
+{
+    if (IsMpeg1Row(versionBits)) {
+        // Layer bits 11 (Layer I) give row 0; the reserved layer value lands on the Layer
+        // III row, which is as good as any since such a header is never valid.
+        return layerBits == kLayerBitsReserved ? 2 : 3 - layerBits;
+    }
+    return layerBits == kLayerBitsLayer1 ? 3 : 4;
+}
+
+// The ISO/IEC 11172-3 Layer II restriction, applied with the same indices to every version.
+bool IsAllowedLayer2Combination(uint32_t bitrateIndex, uint32_t mode)
+{
+    if (mode == kModeSingleChannel) {
+        return bitrateIndex < 11 || bitrateIndex > 14;
+    }
+    return bitrateIndex != 1 && bitrateIndex != 2 && bitrateIndex != 3 && bitrateIndex != 5;
+}
+
+}  // namespace
+
+void (*CMP3File::s_pfnOpenFault)() = nullptr;
+
+CMP3File::CMP3File() : pTagID3V1(nullptr), pTagID3V2(nullptr), pFirstFrame(nullptr)
+{
+    memset(szFileName, 0, sizeof(szFileName));
+}
+
+CMP3File::~CMP3File()
+{
+    Close();
+}
+
+void CMP3File::Close()
+{
+    memset(szFileName, 0, sizeof(szFileName));
+    pTagID3V1 = nullptr;
+    pTagID3V2 = nullptr;
+    pFirstFrame = nullptr;
+    Unmap();
+}
+
+int CMP3File::IsFrameSync(const uint8_t* header)
+{
+    return (header[0] == 0xFF && header[1] >= 0xE0) ? 1 : 0;
+}
+
+int CMP3File::IsValidFrameHeader(const uint8_t* header)
+{
+    if (VersionBits(header) == kVersionReserved) {
+        return 0;
+    }
+    const uint32_t layerBits = LayerBits(header);
+    if (layerBits == kLayerBitsReserved) {
+        return 0;
+    }
+    const uint32_t bitrateIndex = BitrateIndex(header);
+    if (bitrateIndex == 0 || bitrateIndex == 15) {
+        return 0;
+    }
+    if (SampleRateIndex(header) == 3) {
+        return 0;
+    }
+    if (Emphasis(header) == kEmphasisReserved) {
+        return 0;
+    }
+    if (layerBits == kLayerBitsLayer2 && !IsAllowedLayer2Combination(bitrateIndex, Mode(header))) {
+        return 0;
+    }
+    return 1;
+}
+
+uint32_t CMP3File::GetFrameSize(const uint8_t* header)
+{
+    const uint32_t versionBits = VersionBits(header);
+    const uint32_t layerBits = LayerBits(header);
+    const uint32_t bitrate = kBitrateKbps[BitrateRow(versionBits, layerBits)][BitrateIndex(header)] * 1000u;
+    const uint32_t sampleRate = kSampleRateHz[versionBits][SampleRateIndex(header)];
+    if (bitrate == 0 || sampleRate == 0) {
+        return 0;
+    }
+
+    uint32_t samples;
+    if (layerBits == kLayerBitsLayer1) {
+        samples = 384;
+    } else if (layerBits == kLayerBitsLayer2) {
+        samples = 1152;
+    } else {
+        samples = IsMpeg1Row(versionBits) ? 1152 : 576;
+    }
+
+    // At most 144 x 448,000 = 64,512,000: no overflow in 32 bits.
+    uint32_t length = (samples / 8) * bitrate / sampleRate;
+    const uint32_t padding = PaddingBit(header);
+    length += (layerBits == kLayerBitsLayer1) ? 4 * padding : padding;
+    return length;
+}
+
+bool CMP3File::HeaderFits(uint64_t offset) const
+{
+    return pView != nullptr && offset <= dwSize && dwSize - offset >= kHeaderBytes;
+}
+
+bool CMP3File::IsFrameAt(uint64_t offset) const
+{
+    if (!HeaderFits(offset)) {
+        return false;
+    }
+    const uint8_t* header = pView + offset;
+    return IsFrameSync(header) && IsValidFrameHeader(header);
+}
+
+uint64_t CMP3File::SearchFrom(uint64_t offset) const
+{
+    for (; HeaderFits(offset); ++offset) {
+        if (IsFrameAt(offset)) {
+            return offset;
+        }
+    }
+    return dwSize;
+}
+
+bool CMP3File::OffsetOf(const uint8_t* p, uint64_t* offset) const
+{
+    if (pView == nullptr || p == nullptr) {
+        return false;
+    }
+    // Integer addresses: p - pView is only defined for p inside the view.
+    const uintptr_t start = reinterpret_cast<uintptr_t>(pView);
+    const uintptr_t where = reinterpret_cast<uintptr_t>(p);
+    if (where < start || where - start > dwSize) {
+        return false;
+    }
+    *offset = static_cast<uint64_t>(where - start);
+    return true;
+}
+
+const uint8_t* CMP3File::SearchFrameHeader(const uint8_t* pos, SearchStart start) const
+{
+    uint64_t offset = 0;
+    if (!OffsetOf(pos, &offset)) {
+        return nullptr;
+    }
+    if (start == SEARCH_ONE_BYTE_BEFORE && offset > 0) {
+        --offset;
+    }
+    const uint64_t found = SearchFrom(offset);
+    return HeaderFits(found) ? pView + found : nullptr;
+}
+
+int CMP3File::Open(const char* fileName)
+{
+    const char* name = (fileName != nullptr) ? fileName : "";
+    try {
+        Close();
+        if (!Map(name)) {
+            return 0;
+        }
+        // The player refuses names of 260 bytes or more before they get here; a longer one
+        // is cut rather than overrun the field.
+        size_t length = strlen(name);
+        if (length >= sizeof(szFileName)) {
+            length = sizeof(szFileName) - 1;
+        }
+        memcpy(szFileName, name, length);
+        szFileName[length] = '\0';
+
+        if (s_pfnOpenFault != nullptr) {
+            s_pfnOpenFault();
+        }
+        if (InitFileInfo()) {
+            return 1;
+        }
+        Close();
+        return 0;
+    } catch (...) {
+        Close();
+        g_logFile.Log("[CMP3File::Open]file(%s),exception occurs", name);
+        return 0;
+    }
+}
+
+int CMP3File::InitFileInfo()
+{
+    pTagID3V1 = nullptr;
+    pTagID3V2 = nullptr;
+    pFirstFrame = nullptr;
+    if (pView == nullptr) {
+        g_logFile.Log("[CMP3File::InitFileInfo]file(%s),not valid frame header!", szFileName);
+        return 0;
+    }
+
+    // A tag header that does not fit in the file counts as no tag.
+    if (dwSize >= kId3v2HeaderBytes && memcmp(pView, "ID3", 3) == 0) {
+        if (pView[3] != 3 && pView[3] != 4) {
+            g_logFile.Log("[CMP3File::InitFileInfo]file(%s),find invalid TagID3V2 header!",
+                          szFileName);
+            return 0;
+        }
+        pTagID3V2 = pView;
+    }
+
+    if (dwSize > kId3v1TagBytes && memcmp(pView + dwSize - kId3v1TagBytes, "TAG", 3) == 0) {
+        pTagID3V1 = pView + dwSize - kId3v1TagBytes;
+    }
+
+    if (FindFirstFrameHeader()) {
+        return 1;
+    }
+    g_logFile.Log("[CMP3File::InitFileInfo]file(%s),not valid frame header!", szFileName);
+    return 0;
+}
+
+int CMP3File::FindFirstFrameHeader()
+{
+    pFirstFrame = nullptr;
+    uint64_t offset = 0;
+    if (pTagID3V2 != nullptr) {
+        // Four 7-bit groups, most significant first; the top bit of each byte is ignored.
+        const uint8_t* tag = pTagID3V2;
+        uint64_t size = (static_cast<uint64_t>(tag[6] & 0x7F) << 21) |
+                        (static_cast<uint64_t>(tag[7] & 0x7F) << 14) |
+                        (static_cast<uint64_t>(tag[8] & 0x7F) << 7) |
+                        static_cast<uint64_t>(tag[9] & 0x7F);
+        offset = kId3v2HeaderBytes + size;
+        if (tag[5] & 0x10) {
+            offset += kId3v2FooterBytes;
+        }
+    }
+
+    if (!HeaderFits(offset)) {
+        g_logFile.Log("[CMP3File::FindFirstFrameHeader]file(%s),too small", szFileName);
+        return 0;
+    }
+
+    for (;;) {
+        if (!IsFrameAt(offset)) {
+            offset = SearchFrom(offset);
+            if (!HeaderFits(offset)) {
+                g_logFile.Log("[CMP3File::FindFirstFrameHeader]file(%s),not valid frame header!",
+                              szFileName);
+                return 0;
+            }
+        }
+        // One successor at the distance this header predicts must be valid too; the two are
+        // not compared with each other.
+        const uint64_t successor = offset + GetFrameSize(pView + offset);
+        if (IsFrameAt(successor)) {
+            pFirstFrame = pView + offset;
+            return 1;
+        }
+        ++offset;
+    }
+}
+
+const uint8_t* CMP3File::NextFrame(const uint8_t* frame) const
+{
+    uint64_t offset = 0;
+    if (!OffsetOf(frame, &offset) || !HeaderFits(offset)) {
+        return nullptr;
+    }
+    const uint32_t size = GetFrameSize(frame);
+    if (size == 0) {
+        // Not a header the scanner would hand out: nothing can be said to follow it, and a
+        // walk must never stand still.
+        return nullptr;
+    }
+    const uint64_t next = offset + size;
+    if (!HeaderFits(next)) {
+        return nullptr;
+    }
+    if (IsFrameAt(next)) {
+        return pView + next;
+    }
+    if (pTagID3V1 != nullptr && pView + next == pTagID3V1) {
+        return nullptr;
+    }
+    // The computed position may be one byte too far (a wrong padding bit): start one byte
+    // before it. What is found here is not checked against a following frame.
+    const uint64_t found = SearchFrom(next - 1);
+    return HeaderFits(found) ? pView + found : nullptr;
+}
