@@ -26,9 +26,9 @@ public:
     const uint8_t* NextDataChunk(const uint8_t* chunk) const;
 
     // Fields of the first "fmt " chunk and of a chunk header, read with memcpy (chunks may
-    // sit at odd addresses); all values are little-endian. A "fmt " body shorter than 16 bytes reads as if the missing
-    // bytes were zero: only the chunk's own bytes are read, and a format of zero channels,
-    // rate or bits is refused by the output device.
+    // sit at odd addresses); all values are little-endian. A "fmt " body shorter than 16
+    // bytes reads as if the missing bytes were zero: only the chunk's own bytes are read, and
+    // a format of zero channels, rate or bits is refused by the output device.
     uint16_t AudioFormat() const;
     uint16_t NumChannels() const;
     uint32_t SampleRate() const;
