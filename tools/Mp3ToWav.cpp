@@ -1,0 +1,141 @@
+#include "tools/Mp3ToWav.h"
+
+#include <cstring>
+#include <new>
+
+#include "player/mp3/decoder/DecoderTables.h"
+#include "player/mp3/decoder/MP3Decoder.h"
+#include "player/pub/Log.h"
+
+namespace {
+
+const char kUnitPath[] = "tools/Mp3ToWav";
+
+// What StartDecoder may read of the first frame: the header, a CRC, the longest side
+// information and a VBR header (4 + 2 + 32 + 16 bytes); the decoder's own minimum is larger.
+const uint32_t kStartBytes = 156;
+
+// The player gives StartDecoder no limit. Wherever 156 bytes or more remain in the file this
+// walk passes the bytes left, which the decoder then never reaches either. Closer to the end a
+// limit would make the start fail where the player's succeeds, so the start reads a copy of
+// the remaining bytes with zeros after them: missing bytes then count as no VBR header, as
+// they must, and nothing past the file is read.
+int StartLikeThePlayer(CMP3Decoder* decoder, const uint8_t* firstFrame, uint64_t bytesLeft,
+                       MP3StreamInfo* info)
+{
+    if (bytesLeft >= kStartBytes) {
+        const int32_t available = bytesLeft > 0x7FFFFFFF ? 0x7FFFFFFF : static_cast<int32_t>(bytesLeft);
+        return decoder->StartDecoder(firstFrame, available, info);
+    }
+    uint8_t padded[kStartBytes];
+    memset(padded, 0, sizeof(padded));
+    memcpy(padded, firstFrame, static_cast<size_t>(bytesLeft));
+    return decoder->StartDecoder(padded, 0x7FFFFFFF, info);
+}
+
+}  // namespace
+
+CMp3ToWav::CMp3ToWav()
+    : m_started(false), m_openFailure(OPEN_OK), m_framesDecoded(0), m_batchesWritten(0), m_refusedFrame(nullptr),
+      m_refusedError(0)
+{
+    // The tables are process-wide and built once, as the MP3 player's constructor does.
+    static const bool s_tablesBuilt = (InitDecoderTables(), true);
+    (void)s_tablesBuilt;
+    memset(&m_info, 0, sizeof(m_info));
+    memset(&m_io, 0, sizeof(m_io));
+}
+
+CMp3ToWav::~CMp3ToWav()
+{
+    Close();
+}
+
+void CMp3ToWav::Close()
+{
+    m_started = false;
+    m_decoder.reset();
+    m_file.Close();
+}
+
+int CMp3ToWav::Open(const char* fileName)
+{
+    Close();
+    m_openFailure = OPEN_OK;
+    const char* name = (fileName != nullptr) ? fileName : "";
+    if (!m_file.Open(name)) {
+        g_logFile.Log("[%s:%d]file(%s),open failed", kUnitPath, __LINE__, name);
+        m_openFailure = OPEN_FILE_FAILED;
+        return 0;
+    }
+
+    m_decoder.reset(new (std::nothrow) CMP3Decoder());
+    if (!m_block) {
+        m_block.reset(new (std::nothrow) uint8_t[kBlockBytes]);
+    }
+    if (!m_decoder || !m_block) {
+        g_logFile.Log("[%s:%d]file(%s),out of memory", kUnitPath, __LINE__, name);
+        m_openFailure = OPEN_OUT_OF_MEMORY;
+        Close();
+        return 0;
+    }
+
+    memset(&m_info, 0, sizeof(m_info));
+    const uint64_t bytesLeft = m_file.dwSize - static_cast<uint64_t>(m_file.pFirstFrame - m_file.pView);
+    if (!StartLikeThePlayer(m_decoder.get(), m_file.pFirstFrame, bytesLeft, &m_info)) {
+        g_logFile.Log("[%s:%d]file(%s),decoder start failed", kUnitPath, __LINE__, name);
+        m_openFailure = OPEN_START_FAILED;
+        Close();
+        return 0;
+    }
+    m_started = true;
+    return 1;
+}
+
+int CMp3ToWav::Pass(BatchSink sink, void* sinkContext, FrameObserver observer, void* observerContext)
+{
+    m_framesDecoded = 0;
+    m_batchesWritten = 0;
+    m_refusedFrame = nullptr;
+    m_refusedError = 0;
+    if (!m_started) {
+        return 0;
+    }
+
+    uint8_t* const block = m_block.get();
+    const uint8_t* const end = m_file.pView + m_file.dwSize;
+    memset(block, 0, kBlockBytes);
+    memset(&m_io, 0, sizeof(m_io));
+    const uint8_t* frame = m_file.pFirstFrame;
+
+    while (frame != nullptr) {
+        uint8_t* pos = block;
+        for (int i = 0; i < kFramesPerBatch && frame != nullptr; ++i) {
+            m_io.inData = frame;
+            m_io.inLength = static_cast<int32_t>(end - frame);
+            m_io.outData = pos;
+            if (!m_decoder->DecodeFrame(&m_io)) {
+                m_refusedFrame = frame;
+                m_refusedError = m_decoder->LastError;
+                frame = nullptr;
+                break;
+            }
+            ++m_framesDecoded;
+            if (observer != nullptr) {
+                observer(observerContext, m_io, *m_decoder);
+            }
+            // A frame skipped for want of reservoir data advances pos all the same: that stretch
+            // keeps what the block held there.
+            pos += m_io.outLength;
+            frame = m_file.NextFrame(frame);
+        }
+        const uint32_t bytes = static_cast<uint32_t>(pos - block);
+        if (bytes > 0) {
+            if (!sink(sinkContext, block, bytes)) {
+                return 0;
+            }
+            ++m_batchesWritten;
+        }
+    }
+    return 1;
+}
