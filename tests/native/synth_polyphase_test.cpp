@@ -215,20 +215,27 @@ TEST_F(SynthPolyphaseTest, SumsTruncateTowardZeroAndClip)
                           {-257.5, -257},     {255.75, 255},      {0.0, 0},
                           {-0.0, 0}};
     const int n = sizeof cases / sizeof cases[0];
-    // Each case visits every one of the 32 positions (the conversion works on lanes).
-    for (int shift = 0; shift < 32; ++shift) {
-        double sums[32];
-        for (int k = 0; k < 32; ++k)
-            sums[k] = cases[(k + shift) % n].sum;
-        uint8_t pcm[128];
-        std::memset(pcm, 0xEE, sizeof pcm);
-        SynthSumsToPcm(sums, pcm, 2);
-        for (int k = 0; k < 32; ++k) {
-            const Case& c = cases[(k + shift) % n];
-            ASSERT_EQ(Sample(pcm, 2 * k), c.pcm) << "sum " << c.sum << " at " << k;
-            ASSERT_EQ(pcm[4 * k], static_cast<uint8_t>(c.pcm & 0xFF)) << "little-endian";
-            ASSERT_EQ(pcm[4 * k + 2], 0xEE) << "stride 2 wrote an odd position";
-            ASSERT_EQ(pcm[4 * k + 3], 0xEE) << "stride 2 wrote an odd position";
+    // Each case visits every one of the 32 positions (the conversion works on lanes), in both
+    // layouts; nothing beyond the slot's own positions may change.
+    for (int stride : {1, 2}) {
+        for (int shift = 0; shift < 32; ++shift) {
+            double sums[32];
+            for (int k = 0; k < 32; ++k)
+                sums[k] = cases[(k + shift) % n].sum;
+            uint8_t pcm[130];
+            std::memset(pcm, 0xEE, sizeof pcm);
+            SynthSumsToPcm(sums, pcm, stride);
+            for (int k = 0; k < 32; ++k) {
+                const Case& c = cases[(k + shift) % n];
+                ASSERT_EQ(Sample(pcm, stride * k), c.pcm) << "sum " << c.sum << " at " << k;
+                ASSERT_EQ(pcm[2 * stride * k], static_cast<uint8_t>(c.pcm & 0xFF)) << "little-endian";
+                if (stride == 2) {
+                    ASSERT_EQ(pcm[4 * k + 2], 0xEE) << "stride 2 wrote an odd position";
+                    ASSERT_EQ(pcm[4 * k + 3], 0xEE) << "stride 2 wrote an odd position";
+                }
+            }
+            for (int i = 64 * stride; i < 130; ++i)
+                ASSERT_EQ(pcm[i], 0xEE) << "stride " << stride << " wrote byte " << i;
         }
     }
 }

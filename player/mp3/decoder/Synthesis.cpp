@@ -8,9 +8,13 @@
 
 #include "player/mp3/decoder/Synthesis.h"
 
+#include "player/mp3/decoder/FloatLanes.h"
 #include "player/mp3/decoder/SynthTables.h"
 
 #include <emmintrin.h>
+
+#include <cstddef>
+#include <cstring>
 
 namespace {
 
@@ -20,23 +24,23 @@ constexpr uint32_t kSlotMask = 511 & ~31u;
 
 // One split stage of the matrixing on blocks of M: sums to the lower half of each block,
 // differences scaled by the stage's factors to the upper half.
-template <int M>
-inline void SplitStage(const float* v, float* f, const float* factors)
+template <int M, class V>
+inline void SplitStage(const V* v, V* f, const float* factors)
 {
     for (int blk = 0; blk < 32; blk += M) {
         for (int j = 0; j < M / 2; ++j) {
-            const float lo = v[blk + j];
-            const float hi = v[blk + M - 1 - j];
+            const V lo = v[blk + j];
+            const V hi = v[blk + M - 1 - j];
             f[blk + j] = lo + hi;
-            f[blk + M / 2 + j] = (lo - hi) * factors[j];
+            f[blk + M / 2 + j] = (lo - hi) * V(factors[j]);
         }
     }
 }
 
 // One merge stage on blocks of M: the even half passes through to the even positions, each odd
 // output is the sum of two neighbouring odd-half values (the last one stands alone).
-template <int M>
-inline void MergeStage(const float* v, float* f)
+template <int M, class V>
+inline void MergeStage(const V* v, V* f)
 {
     for (int blk = 0; blk < 32; blk += M) {
         for (int j = 0; j < M / 2; ++j)
@@ -47,116 +51,271 @@ inline void MergeStage(const float* v, float* f)
     }
 }
 
-// Two ring values as doubles; the ring holds floats with no alignment promise beyond 4 bytes.
-inline __m128d LoadPair(const float* p)
+// The unscaled 32-point DCT-II by splitting down to blocks of 2 and merging back up, on two
+// scratch arrays that take turns as input and output.
+template <class V>
+inline void Dct32(const V* x, V* u)
 {
-    return _mm_cvtps_pd(_mm_castsi128_ps(_mm_loadl_epi64(reinterpret_cast<const __m128i*>(p))));
-}
-
-}  // namespace
-
-void SynthMatrix(const float x[32], float ring[512], uint32_t offset)
-{
-    const float* F32 = DctCoefficients;
-    const float* F16 = DctCoefficients + 16;
-    const float* F8 = DctCoefficients + 24;
-    const float* F4 = DctCoefficients + 28;
-    const float* F2 = DctCoefficients + 30;
-
-    float a[32];
-    float b[32];
-    SplitStage<32>(x, a, F32);
-    SplitStage<16>(a, b, F16);
-    SplitStage<8>(b, a, F8);
-    SplitStage<4>(a, b, F4);
-    SplitStage<2>(b, a, F2);
+    V a[32];
+    V b[32];
+    SplitStage<32>(x, a, DctCoefficients);
+    SplitStage<16>(a, b, DctCoefficients + 16);
+    SplitStage<8>(b, a, DctCoefficients + 24);
+    SplitStage<4>(a, b, DctCoefficients + 28);
+    SplitStage<2>(b, a, DctCoefficients + 30);
     MergeStage<4>(a, b);
     MergeStage<8>(b, a);
     MergeStage<16>(a, b);
-    MergeStage<32>(b, ring + (offset & kSlotMask));
+    MergeStage<32>(b, u);
 }
 
-void SynthWindowSums(const float ring[512], uint32_t offset, double sums[32])
+// Matrixing of four consecutive slots at once, one per lane: the slots are transposed in,
+// transformed together and transposed out to u[slot][k].
+void SynthMatrix4(const float slots[][32], float u[4][32])
+{
+    FloatLanes x[32];
+    for (int n = 0; n < 32; n += 4) {
+        __m128 r0 = _mm_loadu_ps(&slots[0][n]);
+        __m128 r1 = _mm_loadu_ps(&slots[1][n]);
+        __m128 r2 = _mm_loadu_ps(&slots[2][n]);
+        __m128 r3 = _mm_loadu_ps(&slots[3][n]);
+        TransposeLanes(r0, r1, r2, r3);
+        x[n] = FloatLanes(r0);
+        x[n + 1] = FloatLanes(r1);
+        x[n + 2] = FloatLanes(r2);
+        x[n + 3] = FloatLanes(r3);
+    }
+    FloatLanes r[32];
+    Dct32(x, r);
+    for (int k = 0; k < 32; k += 4) {
+        __m128 r0 = r[k].v;
+        __m128 r1 = r[k + 1].v;
+        __m128 r2 = r[k + 2].v;
+        __m128 r3 = r[k + 3].v;
+        TransposeLanes(r0, r1, r2, r3);
+        _mm_store_ps(&u[0][k], r0);
+        _mm_store_ps(&u[1][k], r1);
+        _mm_store_ps(&u[2][k], r2);
+        _mm_store_ps(&u[3][k], r3);
+    }
+}
+
+// The window sums of one slot, kept in registers as lanes of two samples each:
+//   fwd[g] = (sample 2g, sample 2g + 1), bwd[g] = (sample 32 - 2g, sample 31 - 2g), g = 0..7;
+// the first lane of bwd[0] (there is no sample 32) holds 0. s16 is sample 16.
+struct WindowSums {
+    __m128d fwd[8];
+    __m128d bwd[8];
+    double s16;
+};
+
+// Samples r, r + 1 (forward) and 32 - r, 31 - r (backward) read the same two ring values per m:
+// the first products at o + 16 + r + 64m and its neighbour, the second products at
+// o + 48 - r + 64m and the neighbour below. Each lane is one sample's sum, so every sum still
+// starts at 0 and adds its products in order: m ascending, first product then second. Four such
+// groups run side by side (r = r0 .. r0 + 7) so that eight independent chains of additions are
+// in flight. Their ring values are eight consecutive floats on each side, and a run of eight
+// never straddles the ring's end: o is a multiple of 32 and each run lies within one aligned
+// block of 32.
+inline void WindowHalf(const float* ring, uint32_t o, uint32_t r0, __m128d fwd[4], __m128d bwd[4])
+{
+    const double(*w0)[4][2] = SynthWindowLanes.w[r0 / 2];
+    const double(*w1)[4][2] = SynthWindowLanes.w[r0 / 2 + 1];
+    const double(*w2)[4][2] = SynthWindowLanes.w[r0 / 2 + 2];
+    const double(*w3)[4][2] = SynthWindowLanes.w[r0 / 2 + 3];
+    __m128d fwd0 = _mm_setzero_pd(), fwd1 = _mm_setzero_pd();
+    __m128d fwd2 = _mm_setzero_pd(), fwd3 = _mm_setzero_pd();
+    __m128d bwd0 = _mm_setzero_pd(), bwd1 = _mm_setzero_pd();
+    __m128d bwd2 = _mm_setzero_pd(), bwd3 = _mm_setzero_pd();
+    for (uint32_t m = 0; m < 8; ++m) {
+        const uint32_t base = o + 64 * m;
+        // First products: ring[base + 16 + r0 + t], t = 0..7, in sample order.
+        const float* pa = ring + ((base + 16 + r0) & kRingMask);
+        const __m128 aLo = _mm_loadu_ps(pa);
+        const __m128 aHi = _mm_loadu_ps(pa + 4);
+        const __m128d a0 = _mm_cvtps_pd(aLo);
+        const __m128d a1 = _mm_cvtps_pd(_mm_movehl_ps(aLo, aLo));
+        const __m128d a2 = _mm_cvtps_pd(aHi);
+        const __m128d a3 = _mm_cvtps_pd(_mm_movehl_ps(aHi, aHi));
+        // Second products: ring[base + 48 - r0 - t], t = 0..7, stored downward.
+        const float* pb = ring + ((base + 41 - r0) & kRingMask);
+        const __m128 bLo = _mm_loadu_ps(pb);
+        const __m128 bHi = _mm_loadu_ps(pb + 4);
+        const __m128 bHiRev = _mm_shuffle_ps(bHi, bHi, _MM_SHUFFLE(0, 1, 2, 3));
+        const __m128 bLoRev = _mm_shuffle_ps(bLo, bLo, _MM_SHUFFLE(0, 1, 2, 3));
+        const __m128d b0 = _mm_cvtps_pd(bHiRev);
+        const __m128d b1 = _mm_cvtps_pd(_mm_movehl_ps(bHiRev, bHiRev));
+        const __m128d b2 = _mm_cvtps_pd(bLoRev);
+        const __m128d b3 = _mm_cvtps_pd(_mm_movehl_ps(bLoRev, bLoRev));
+
+        fwd0 = _mm_add_pd(fwd0, _mm_mul_pd(a0, _mm_load_pd(w0[m][0])));
+        fwd1 = _mm_add_pd(fwd1, _mm_mul_pd(a1, _mm_load_pd(w1[m][0])));
+        fwd2 = _mm_add_pd(fwd2, _mm_mul_pd(a2, _mm_load_pd(w2[m][0])));
+        fwd3 = _mm_add_pd(fwd3, _mm_mul_pd(a3, _mm_load_pd(w3[m][0])));
+        bwd0 = _mm_add_pd(bwd0, _mm_mul_pd(a0, _mm_load_pd(w0[m][2])));
+        bwd1 = _mm_add_pd(bwd1, _mm_mul_pd(a1, _mm_load_pd(w1[m][2])));
+        bwd2 = _mm_add_pd(bwd2, _mm_mul_pd(a2, _mm_load_pd(w2[m][2])));
+        bwd3 = _mm_add_pd(bwd3, _mm_mul_pd(a3, _mm_load_pd(w3[m][2])));
+        fwd0 = _mm_add_pd(fwd0, _mm_mul_pd(b0, _mm_load_pd(w0[m][1])));
+        fwd1 = _mm_add_pd(fwd1, _mm_mul_pd(b1, _mm_load_pd(w1[m][1])));
+        fwd2 = _mm_add_pd(fwd2, _mm_mul_pd(b2, _mm_load_pd(w2[m][1])));
+        fwd3 = _mm_add_pd(fwd3, _mm_mul_pd(b3, _mm_load_pd(w3[m][1])));
+        bwd0 = _mm_add_pd(bwd0, _mm_mul_pd(b0, _mm_load_pd(w0[m][3])));
+        bwd1 = _mm_add_pd(bwd1, _mm_mul_pd(b1, _mm_load_pd(w1[m][3])));
+        bwd2 = _mm_add_pd(bwd2, _mm_mul_pd(b2, _mm_load_pd(w2[m][3])));
+        bwd3 = _mm_add_pd(bwd3, _mm_mul_pd(b3, _mm_load_pd(w3[m][3])));
+    }
+    fwd[0] = fwd0;
+    fwd[1] = fwd1;
+    fwd[2] = fwd2;
+    fwd[3] = fwd3;
+    bwd[0] = bwd0;
+    bwd[1] = bwd1;
+    bwd[2] = bwd2;
+    bwd[3] = bwd3;
+}
+
+inline void Window(const float* ring, uint32_t offset, WindowSums& sums)
 {
     const uint32_t o = offset & kSlotMask;
-
-    // Samples r, r + 1 (forward) and 32 - r, 31 - r (backward) read the same two ring values
-    // per m: the first products at o + 16 + r + 64m and its neighbour, the second products at
-    // o + 48 - r + 64m and the neighbour below. Each lane is one sample's sum, so every sum
-    // still starts at 0 and adds its products in order: m ascending, first product then second.
-    // A pair never straddles the ring's end: o is a multiple of 32 and each pair lies within
-    // one aligned block of 32.
-    for (uint32_t g = 0; g < 8; ++g) {
-        const uint32_t r = 2 * g;
-        const double(*w)[4][2] = SynthWindowLanes.w[g];
-        __m128d fwd = _mm_setzero_pd();
-        __m128d bwd = _mm_setzero_pd();
-        for (uint32_t m = 0; m < 8; ++m) {
-            const uint32_t base = o + 64 * m;
-            const __m128d first = LoadPair(ring + ((base + 16 + r) & kRingMask));
-            const __m128d below = LoadPair(ring + ((base + 47 - r) & kRingMask));
-            const __m128d second = _mm_shuffle_pd(below, below, 1);
-            fwd = _mm_add_pd(fwd, _mm_mul_pd(first, _mm_load_pd(w[m][0])));
-            fwd = _mm_add_pd(fwd, _mm_mul_pd(second, _mm_load_pd(w[m][1])));
-            bwd = _mm_add_pd(bwd, _mm_mul_pd(first, _mm_load_pd(w[m][2])));
-            bwd = _mm_add_pd(bwd, _mm_mul_pd(second, _mm_load_pd(w[m][3])));
-        }
-        _mm_storeu_pd(sums + r, fwd);
-        _mm_storeh_pd(sums + 31 - r, bwd);
-        if (r != 0)
-            _mm_storel_pd(sums + 32 - r, bwd);
-    }
-
+    WindowHalf(ring, o, 0, sums.fwd, sums.bwd);
+    WindowHalf(ring, o, 8, sums.fwd + 4, sums.bwd + 4);
     // Sample 16 has its own eight entries and one product per m.
     double s16 = 0.0;
     for (uint32_t m = 0; m < 8; ++m) {
         s16 += static_cast<double>(SynthWindow[256 + m]) *
                static_cast<double>(ring[(o + 32 + 64 * m) & kRingMask]);
     }
-    sums[16] = s16;
+    sums.s16 = s16;
+}
+
+// Truncates two sums toward zero into the low two int32 lanes. Values above 32767 are first
+// brought down to it; values below -32768 truncate to themselves or, beyond the 32-bit range,
+// to INT32_MIN, and the 16-bit packing then clips them. Clipping first and truncating after
+// give the same result for every sum.
+inline __m128i Truncate(__m128d s)
+{
+    return _mm_cvttpd_epi32(_mm_min_pd(s, _mm_set1_pd(32767.0)));
+}
+
+// Eight sums (four lanes of two) to eight 16-bit samples, clipped.
+inline __m128i ToPcm(const __m128d s[4])
+{
+    const __m128i lo = _mm_unpacklo_epi64(Truncate(s[0]), Truncate(s[1]));
+    const __m128i hi = _mm_unpacklo_epi64(Truncate(s[2]), Truncate(s[3]));
+    return _mm_packs_epi32(lo, hi);
+}
+
+inline __m128i ReverseWords(__m128i v)
+{
+    v = _mm_shufflelo_epi16(v, _MM_SHUFFLE(0, 1, 2, 3));
+    v = _mm_shufflehi_epi16(v, _MM_SHUFFLE(0, 1, 2, 3));
+    return _mm_shuffle_epi32(v, _MM_SHUFFLE(1, 0, 3, 2));
+}
+
+inline void Store16(uint8_t* p, int v)
+{
+    // Only x86 runs this code, and it stores 16-bit values little-endian like the PCM block.
+    const uint16_t sample = static_cast<uint16_t>(v);
+    std::memcpy(p, &sample, sizeof sample);
+}
+
+inline void StoreEightStrided(__m128i v, uint8_t* p, size_t step)
+{
+    Store16(p, _mm_extract_epi16(v, 0));
+    Store16(p + step, _mm_extract_epi16(v, 1));
+    Store16(p + 2 * step, _mm_extract_epi16(v, 2));
+    Store16(p + 3 * step, _mm_extract_epi16(v, 3));
+    Store16(p + 4 * step, _mm_extract_epi16(v, 4));
+    Store16(p + 5 * step, _mm_extract_epi16(v, 5));
+    Store16(p + 6 * step, _mm_extract_epi16(v, 6));
+    Store16(p + 7 * step, _mm_extract_epi16(v, 7));
+}
+
+// The 32 samples of one slot in order 0..31, stride samples apart.
+inline void StorePcm(const WindowSums& sums, uint8_t* pcm, int32_t stride)
+{
+    const __m128i first = ToPcm(sums.fwd);        // samples 0..7
+    const __m128i second = ToPcm(sums.fwd + 4);   // samples 8..15
+    // (32, 31, ..., 25) and (24, 23, ..., 17), turned around.
+    const __m128i top = ReverseWords(ToPcm(sums.bwd));           // 25..32
+    const __m128i upper = ReverseWords(ToPcm(sums.bwd + 4));     // 17..24
+    const __m128i s16 = _mm_packs_epi32(Truncate(_mm_set_sd(sums.s16)), _mm_setzero_si128());
+    // Shifting by one sample makes room for 16 and 24 in front and drops the missing 32.
+    const __m128i third = _mm_insert_epi16(_mm_slli_si128(upper, 2), _mm_extract_epi16(s16, 0), 0);
+    const __m128i fourth = _mm_insert_epi16(_mm_slli_si128(top, 2), _mm_extract_epi16(upper, 7), 0);
+    if (stride == 1) {
+        _mm_storeu_si128(reinterpret_cast<__m128i*>(pcm), first);
+        _mm_storeu_si128(reinterpret_cast<__m128i*>(pcm + 16), second);
+        _mm_storeu_si128(reinterpret_cast<__m128i*>(pcm + 32), third);
+        _mm_storeu_si128(reinterpret_cast<__m128i*>(pcm + 48), fourth);
+        return;
+    }
+    const size_t step = 2 * static_cast<size_t>(stride);
+    StoreEightStrided(first, pcm, step);
+    StoreEightStrided(second, pcm + 8 * step, step);
+    StoreEightStrided(third, pcm + 16 * step, step);
+    StoreEightStrided(fourth, pcm + 24 * step, step);
+}
+
+}  // namespace
+
+void SynthMatrix(const float x[32], float ring[512], uint32_t offset)
+{
+    Dct32(x, ring + (offset & kSlotMask));
+}
+
+void SynthWindowSums(const float ring[512], uint32_t offset, double sums[32])
+{
+    WindowSums w;
+    Window(ring, offset, w);
+    for (int g = 0; g < 8; ++g) {
+        _mm_storeu_pd(sums + 2 * g, w.fwd[g]);
+        if (g != 0)
+            _mm_storel_pd(sums + 32 - 2 * g, w.bwd[g]);
+        _mm_storeh_pd(sums + 31 - 2 * g, w.bwd[g]);
+    }
+    sums[16] = w.s16;
 }
 
 void SynthSumsToPcm(const double sums[32], uint8_t* pcm, int32_t stride)
 {
-    // Clipping before truncating gives the same result as truncating first, for every finite
-    // sum, and keeps the conversion inside the 32-bit range where it is exact.
-    const __m128d lo = _mm_set1_pd(-32768.0);
-    const __m128d hi = _mm_set1_pd(32767.0);
-    alignas(16) int16_t samples[32];
-    for (int q = 0; q < 4; ++q) {
-        __m128i part[4];
-        for (int k = 0; k < 4; ++k) {
-            __m128d s = _mm_loadu_pd(sums + 8 * q + 2 * k);
-            s = _mm_min_pd(_mm_max_pd(s, lo), hi);
-            part[k] = _mm_cvttpd_epi32(s);
-        }
-        const __m128i first = _mm_unpacklo_epi64(part[0], part[1]);
-        const __m128i second = _mm_unpacklo_epi64(part[2], part[3]);
-        _mm_store_si128(reinterpret_cast<__m128i*>(samples + 8 * q),
-                        _mm_packs_epi32(first, second));
+    WindowSums w;
+    for (int g = 0; g < 8; ++g) {
+        w.fwd[g] = _mm_loadu_pd(sums + 2 * g);
+        w.bwd[g] = _mm_set_pd(sums[31 - 2 * g], g == 0 ? 0.0 : sums[32 - 2 * g]);
     }
-
-    const int32_t step = 2 * stride;
-    for (int k = 0; k < 32; ++k) {
-        const uint16_t v = static_cast<uint16_t>(samples[k]);
-        pcm[step * k] = static_cast<uint8_t>(v & 0xFF);
-        pcm[step * k + 1] = static_cast<uint8_t>(v >> 8);
-    }
+    w.s16 = sums[16];
+    StorePcm(w, pcm, stride);
 }
 
 void SynthWindowToPcm(const float ring[512], uint32_t offset, uint8_t* pcm, int32_t stride)
 {
-    alignas(16) double sums[32];
-    SynthWindowSums(ring, offset, sums);
-    SynthSumsToPcm(sums, pcm, stride);
+    WindowSums w;
+    Window(ring, offset, w);
+    StorePcm(w, pcm, stride);
 }
 
 void SynthesizeSlots(const float slots[18][32], float ring[512], uint32_t* offset, uint8_t* pcm,
                      int32_t stride)
 {
     uint32_t o = *offset & kSlotMask;
-    const int32_t slotBytes = 32 * 2 * stride;
-    for (int s = 0; s < 18; ++s) {
+    const size_t slotBytes = 32 * 2 * static_cast<size_t>(stride);
+
+    // Four slots are matrixed together, but each enters the ring only when its turn comes: the
+    // slot after it goes where the oldest slot still read by its windowing lies.
+    alignas(16) float u[4][32];
+    int s = 0;
+    for (; s + 4 <= 18; s += 4) {
+        SynthMatrix4(slots + s, u);
+        for (int t = 0; t < 4; ++t) {
+            std::memcpy(ring + o, u[t], sizeof u[t]);
+            SynthWindowToPcm(ring, o, pcm, stride);
+            o = (o - 32) & kRingMask;
+            pcm += slotBytes;
+        }
+    }
+    for (; s < 18; ++s) {
         SynthMatrix(slots[s], ring, o);
         SynthWindowToPcm(ring, o, pcm, stride);
         o = (o - 32) & kRingMask;
