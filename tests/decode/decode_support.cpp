@@ -40,6 +40,18 @@ void NoteFrame(void* context, const MP3FrameIO& io, const CMP3Decoder& decoder)
     Collector* collector = static_cast<Collector*>(context);
     collector->stream->skipped.push_back(decoder.ReservoirStart < 0 ? 1 : 0);
     collector->stream->offsets.push_back(static_cast<size_t>(io.inData - collector->view));
+    if (decoder.ReservoirStart >= 0) {
+        const int granules = io.version == 1 ? 2 : 1;
+        for (int gr = 0; gr < granules; ++gr) {
+            const uint32_t slot = io.version == 1 ? static_cast<uint32_t>(gr) : (decoder.GranuleToggle ^ 1u);
+            for (int ch = 0; ch < decoder.ChannelCount; ++ch) {
+                if (decoder.GranuleInfo[slot][ch].block_type == 2) {
+                    ++collector->stream->shortGranules;
+                }
+            }
+        }
+        collector->stream->msFrames += decoder.MsStereo;
+    }
 }
 
 }  // namespace

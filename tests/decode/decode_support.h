@@ -18,6 +18,8 @@ struct DecodedStream {
     std::vector<uint8_t> skipped;     // per decoded frame: 1 when it wrote no PCM for want of
                                       // reservoir data
     std::vector<size_t> offsets;      // per decoded frame: its offset in the file
+    size_t shortGranules = 0;         // granule-channels coded with short blocks
+    size_t msFrames = 0;              // frames with mid/side stereo
     uint32_t refusedError = 0;        // the code of the frame that ended the pass, or 0
 };
 

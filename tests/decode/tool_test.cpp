@@ -1,0 +1,246 @@
+// quorbel-decode end to end, and the player's walk where it differs from a plain frame loop:
+// batches of ten, the frame that ends a pass, and frames skipped for want of reservoir data,
+// which keep what the block held from the batch before.
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "decode_support.h"
+#include "player/mp3/MP3File.h"
+#include "tools/Mp3ToWav.h"
+
+namespace fs = std::filesystem;
+
+namespace {
+
+const std::string kConformance = std::string(QUORBEL_SHARED_DATA_DIR) + "/conformance/";
+
+uint32_t Le32(const std::vector<uint8_t>& b, size_t at)
+{
+    return b[at] | (b[at + 1] << 8) | (b[at + 2] << 16) | (static_cast<uint32_t>(b[at + 3]) << 24);
+}
+
+uint32_t Le16(const std::vector<uint8_t>& b, size_t at) { return b[at] | (b[at + 1] << 8); }
+
+std::vector<uint8_t> AsBytes(const std::vector<int16_t>& pcm)
+{
+    std::vector<uint8_t> bytes(pcm.size() * 2);
+    for (size_t i = 0; i < pcm.size(); ++i) {
+        bytes[2 * i] = static_cast<uint8_t>(pcm[i] & 0xFF);
+        bytes[2 * i + 1] = static_cast<uint8_t>((pcm[i] >> 8) & 0xFF);
+    }
+    return bytes;
+}
+
+// Runs the tool in its own working directory, where its log lands.
+class QuorbelDecode : public ::testing::Test {
+protected:
+    QuorbelDecode() : m_dir("quorbel-decode-tool") {}
+
+    int Tool(const std::string& arguments, std::string* output)
+    {
+        return RunCommand("cd " + Quote(m_dir.Path()) + " && " + Quote(QUORBEL_DECODE_PATH) + " " + arguments,
+                          output);
+    }
+
+    std::string Log() const
+    {
+        const std::vector<uint8_t> bytes = ReadBytes(m_dir.Path() / "quorbel.log");
+        return std::string(bytes.begin(), bytes.end());
+    }
+
+    TempDirectory m_dir;
+};
+
+TEST_F(QuorbelDecode, WritesTheWalksPcmAsWavAndRaw)
+{
+    struct Case {
+        const char* stream;
+        uint32_t channels;
+        uint32_t rate;
+    };
+    const Case cases[] = {{"l3-compl", 1, 48000}, {"M2L3_noise", 2, 22050}, {"l3-sin1k0db", 2, 44100}};
+    for (const Case& c : cases) {
+        const std::string in = kConformance + c.stream + ".bit";
+        std::string output;
+        ASSERT_EQ(0, Tool(Quote(in) + " out.wav", &output)) << output;
+        ASSERT_EQ(0, Tool("--raw " + Quote(in) + " out.raw", &output)) << output;
+
+        DecodedStream walk;
+        std::string error;
+        ASSERT_TRUE(DecodeWithWalk(in, &walk, &error)) << error;
+        const std::vector<uint8_t> pcm = AsBytes(walk.pcm);
+
+        const std::vector<uint8_t> wav = ReadBytes(m_dir.Path() / "out.wav");
+        ASSERT_EQ(44 + pcm.size(), wav.size()) << c.stream;
+        EXPECT_EQ(0, memcmp(wav.data(), "RIFF", 4));
+        EXPECT_EQ(36 + pcm.size(), Le32(wav, 4));
+        EXPECT_EQ(0, memcmp(wav.data() + 8, "WAVEfmt ", 8));
+        EXPECT_EQ(16u, Le32(wav, 16));
+        EXPECT_EQ(1u, Le16(wav, 20));
+        EXPECT_EQ(c.channels, Le16(wav, 22));
+        EXPECT_EQ(c.rate, Le32(wav, 24));
+        EXPECT_EQ(c.rate * c.channels * 2, Le32(wav, 28));
+        EXPECT_EQ(c.channels * 2, Le16(wav, 32));
+        EXPECT_EQ(16u, Le16(wav, 34));
+        EXPECT_EQ(0, memcmp(wav.data() + 36, "data", 4));
+        EXPECT_EQ(pcm.size(), Le32(wav, 40));
+        EXPECT_TRUE(std::equal(pcm.begin(), pcm.end(), wav.begin() + 44)) << c.stream;
+        EXPECT_EQ(pcm, ReadBytes(m_dir.Path() / "out.raw")) << c.stream;
+    }
+}
+
+TEST_F(QuorbelDecode, RefusesWhatThePlayerWouldRefuse)
+{
+    // Junk: the scanner finds no frame.
+    ASSERT_TRUE(WriteBytes(m_dir.Path() / "junk.mp3", std::vector<uint8_t>(3000, 0x55)));
+    // MPEG-1 Layer II, 160 kbit/s, stereo (522 bytes a frame): the scanner accepts it, the
+    // decoder's start refuses a first frame that is not Layer III.
+    std::vector<uint8_t> layer2;
+    for (int i = 0; i < 4; ++i) {
+        std::vector<uint8_t> frame(522, 0);
+        frame[0] = 0xFF;
+        frame[1] = 0xFD;
+        frame[2] = 0x90;
+        frame[3] = 0x00;
+        layer2.insert(layer2.end(), frame.begin(), frame.end());
+    }
+    ASSERT_TRUE(WriteBytes(m_dir.Path() / "layer2.mp3", layer2));
+
+    std::string output;
+    EXPECT_EQ(1, Tool("junk.mp3 out.wav", &output));
+    EXPECT_NE(std::string::npos, output.find("cannot play junk.mp3")) << output;
+    EXPECT_NE(std::string::npos, Log().find("[CMP3File::InitFileInfo]file(junk.mp3),not valid frame header!\n"));
+    EXPECT_NE(std::string::npos, Log().find("]file(junk.mp3),open failed\n"));
+
+    EXPECT_EQ(1, Tool("layer2.mp3 out.wav", &output));
+    EXPECT_NE(std::string::npos, output.find("cannot play layer2.mp3")) << output;
+    EXPECT_NE(std::string::npos, Log().find("]file(layer2.mp3),decoder start failed\n"));
+
+    EXPECT_EQ(1, Tool("missing.mp3 out.wav", &output));
+    EXPECT_NE(std::string::npos, Log().find("create file(missing.mp3) failed(0x00000002)\n"));
+    // Nothing is written for a file that cannot be played.
+    EXPECT_FALSE(fs::exists(m_dir.Path() / "out.wav"));
+
+    EXPECT_EQ(2, Tool("only-one-name.mp3", &output));
+    EXPECT_NE(std::string::npos, output.find("usage:"));
+    EXPECT_EQ(2, Tool("--loud a.mp3 b.wav", &output));
+    // An output that cannot be created.
+    EXPECT_EQ(3, Tool(Quote(kConformance + "l3-si.bit") + " " + Quote(m_dir.Path()), &output));
+}
+
+struct Batches {
+    std::vector<uint32_t> sizes;
+    uint32_t refuseAfter = 0xFFFFFFFF;
+};
+
+int RecordBatch(void* context, const uint8_t*, uint32_t bytes)
+{
+    Batches* batches = static_cast<Batches*>(context);
+    batches->sizes.push_back(bytes);
+    return batches->sizes.size() < batches->refuseAfter ? 1 : 0;
+}
+
+TEST(PlayerWalk, BatchesOfTenEndAtTheFrameTheDecoderRefuses)
+{
+    // 22 whole frames of l3-sin1k0db (44.1 kHz stereo), then 100 bytes of the next: the cut
+    // frame is handed out by the scanner and refused by the decoder (code 5), so the third
+    // batch holds the two frames before it.
+    TempDirectory dir("quorbel-walk");
+    const std::string in = kConformance + "l3-sin1k0db.bit";
+    std::vector<size_t> offsets;
+    {
+        CMP3File file;
+        ASSERT_EQ(1, file.Open(in.c_str()));
+        for (const uint8_t* f = file.pFirstFrame; f != nullptr && offsets.size() < 23; f = file.NextFrame(f)) {
+            offsets.push_back(static_cast<size_t>(f - file.pView));
+        }
+    }
+    ASSERT_EQ(23u, offsets.size());
+    const std::vector<uint8_t> stream = ReadBytes(in);
+    const fs::path cut = dir.Path() / "cut.mp3";
+    ASSERT_TRUE(WriteBytes(cut, std::vector<uint8_t>(stream.begin(), stream.begin() + static_cast<long>(offsets[22] + 100))));
+
+    CMp3ToWav walk;
+    ASSERT_EQ(1, walk.Open(cut.string().c_str()));
+    Batches batches;
+    ASSERT_EQ(1, walk.Pass(&RecordBatch, &batches));
+    EXPECT_EQ((std::vector<uint32_t>{46080, 46080, 2 * 4608}), batches.sizes);
+    EXPECT_EQ(22u, walk.FramesDecoded());
+    EXPECT_EQ(3u, walk.BatchesWritten());
+    EXPECT_EQ(5u, walk.RefusedError());
+    ASSERT_NE(nullptr, walk.RefusedFrame());
+    EXPECT_EQ(offsets[22], static_cast<size_t>(walk.RefusedFrame() - walk.File().pView));
+
+    // A refused write ends the pass at once; the next pass starts again at the first frame
+    // and runs on the same decoder.
+    Batches refused;
+    refused.refuseAfter = 1;
+    EXPECT_EQ(0, walk.Pass(&RecordBatch, &refused));
+    EXPECT_EQ(1u, refused.sizes.size());
+    Batches again;
+    EXPECT_EQ(1, walk.Pass(&RecordBatch, &again));
+    EXPECT_EQ(batches.sizes, again.sizes);
+}
+
+TEST(PlayerWalk, SkippedFrameKeepsThePreviousBatchsPcm)
+{
+    // MPEG-2 at 8 kbit/s: 26-byte frames hold about 13 bytes of main data. Pointing frame 14
+    // 255 bytes back, further than the reservoir reaches, makes the decoder skip it; its
+    // stretch of the block (the fifth of the second batch) keeps frame 4's PCM.
+    TempDirectory dir("quorbel-walk");
+    const fs::path wav = dir.Path() / "tone.wav";
+    const fs::path mp3 = dir.Path() / "tone.mp3";
+    std::string output;
+    ASSERT_EQ(0, RunCommand("sox -R -n -r 22050 -b 16 -c 1 " + Quote(wav) +
+                                " synth 2 sine 440 sine 1000 remix - norm -6", &output)) << output;
+    ASSERT_EQ(0, RunCommand("lame --quiet -b 8 --resample 22.05 " + Quote(wav) + " " + Quote(mp3), &output))
+        << output;
+
+    std::vector<size_t> offsets;
+    {
+        CMP3File file;
+        ASSERT_EQ(1, file.Open(mp3.string().c_str()));
+        for (const uint8_t* f = file.pFirstFrame; f != nullptr && offsets.size() < 16; f = file.NextFrame(f)) {
+            offsets.push_back(static_cast<size_t>(f - file.pView));
+        }
+    }
+    ASSERT_EQ(16u, offsets.size());
+    std::vector<uint8_t> bytes = ReadBytes(mp3);
+    const size_t header = offsets[14];
+    ASSERT_EQ(0xFF, bytes[header]);
+    ASSERT_EQ(0xF3, bytes[header + 1]) << "MPEG-2 Layer III without CRC";
+    bytes[header + 4] = 0xFF;  // main_data_begin, the first 8 bits of MPEG-2 side information
+    const fs::path patched = dir.Path() / "patched.mp3";
+    ASSERT_TRUE(WriteBytes(patched, bytes));
+
+    DecodedStream walk;
+    std::string error;
+    ASSERT_TRUE(DecodeWithWalk(patched.string(), &walk, &error)) << error;
+    ASSERT_GT(walk.skipped.size(), 20u);
+    for (size_t i = 0; i < 20; ++i) {
+        EXPECT_EQ(i == 14 ? 1 : 0, walk.skipped[i]) << "frame " << i;
+    }
+    const size_t frame = walk.frameBytes / 2;
+    const auto pcmOf = [&](size_t i) {
+        return std::vector<int16_t>(walk.pcm.begin() + static_cast<long>(i * frame),
+                                    walk.pcm.begin() + static_cast<long>((i + 1) * frame));
+    };
+    const std::vector<int16_t> kept = pcmOf(4);
+    ASSERT_TRUE(std::any_of(kept.begin(), kept.end(), [](int16_t v) { return v != 0; }))
+        << "frame 4 must carry sound for the test to show anything";
+    EXPECT_EQ(kept, pcmOf(14));
+
+    // Decoded on its own, into a zeroed block, the skipped frame is silence.
+    DecodedStream own;
+    ASSERT_TRUE(DecodeFrameByFrame(patched.string(), &own, &error)) << error;
+    ASSERT_GT(own.pcm.size(), 15 * frame);
+    EXPECT_TRUE(std::all_of(own.pcm.begin() + static_cast<long>(14 * frame),
+                            own.pcm.begin() + static_cast<long>(15 * frame), [](int16_t v) { return v == 0; }));
+}
+
+}  // namespace
