@@ -4,34 +4,11 @@
 #include <new>
 
 #include "player/mp3/decoder/DecoderTables.h"
-#include "player/mp3/decoder/MP3Decoder.h"
 #include "player/pub/Log.h"
 
 namespace {
 
 const char kUnitPath[] = "tools/Mp3ToWav";
-
-// What StartDecoder may read of the first frame: the header, a CRC, the longest side
-// information and a VBR header (4 + 2 + 32 + 16 bytes); the decoder's own minimum is larger.
-const uint32_t kStartBytes = 156;
-
-// The player gives StartDecoder no limit. Wherever 156 bytes or more remain in the file this
-// walk passes the bytes left, which the decoder then never reaches either. Closer to the end a
-// limit would make the start fail where the player's succeeds, so the start reads a copy of
-// the remaining bytes with zeros after them: missing bytes then count as no VBR header, as
-// they must, and nothing past the file is read.
-int StartLikeThePlayer(CMP3Decoder* decoder, const uint8_t* firstFrame, uint64_t bytesLeft,
-                       MP3StreamInfo* info)
-{
-    if (bytesLeft >= kStartBytes) {
-        const int32_t available = bytesLeft > 0x7FFFFFFF ? 0x7FFFFFFF : static_cast<int32_t>(bytesLeft);
-        return decoder->StartDecoder(firstFrame, available, info);
-    }
-    uint8_t padded[kStartBytes];
-    memset(padded, 0, sizeof(padded));
-    memcpy(padded, firstFrame, static_cast<size_t>(bytesLeft));
-    return decoder->StartDecoder(padded, 0x7FFFFFFF, info);
-}
 
 }  // namespace
 
@@ -82,7 +59,7 @@ int CMp3ToWav::Open(const char* fileName)
 
     memset(&m_info, 0, sizeof(m_info));
     const uint64_t bytesLeft = m_file.dwSize - static_cast<uint64_t>(m_file.pFirstFrame - m_file.pView);
-    if (!StartLikeThePlayer(m_decoder.get(), m_file.pFirstFrame, bytesLeft, &m_info)) {
+    if (!StartAsThePlayer(m_decoder.get(), m_file.pFirstFrame, bytesLeft, &m_info)) {
         g_logFile.Log("[%s:%d]file(%s),decoder start failed", kUnitPath, __LINE__, name);
         m_openFailure = OPEN_START_FAILED;
         Close();

@@ -6,12 +6,12 @@
 // the sink receives is byte for byte what the player would queue.
 
 #include <cstdint>
+#include <cstring>
 #include <memory>
 
 #include "player/mp3/MP3File.h"
 #include "player/mp3/MP3FrameHeader.h"
-
-class CMP3Decoder;
+#include "player/mp3/decoder/MP3Decoder.h"
 
 class CMp3ToWav {
 public:
@@ -36,6 +36,12 @@ public:
 
     CMp3ToWav(const CMp3ToWav&) = delete;
     CMp3ToWav& operator=(const CMp3ToWav&) = delete;
+
+    // Starts the decoder on the first frame as the MP3 player does, which gives StartDecoder no
+    // limit on the bytes available, without reading past the file (bytesLeft: from the first
+    // frame to the end of the file). Inline, so that the fuzz target shares it.
+    static int StartAsThePlayer(CMP3Decoder* decoder, const uint8_t* firstFrame, uint64_t bytesLeft,
+                                MP3StreamInfo* info);
 
     // Scans the file and starts the decoder on its first frame. 1 on success; on failure the
     // reason is in the log and the object is closed.
@@ -72,3 +78,35 @@ private:
     const uint8_t* m_refusedFrame;
     uint32_t m_refusedError;
 };
+
+inline int CMp3ToWav::StartAsThePlayer(CMP3Decoder* decoder, const uint8_t* firstFrame,
+                                       uint64_t bytesLeft, MP3StreamInfo* info)
+{
+    // The start reads the header, a CRC, the side information and a VBR header: at most
+    // 4 + 2 + 32 + 18 bytes, fewer than the decoder's minimum of 156. With 156 bytes or more
+    // left, passing the bytes left changes nothing.
+    const uint32_t startBytes = 156;
+    if (bytesLeft >= startBytes) {
+        const int32_t available = bytesLeft > 0x7FFFFFFF ? 0x7FFFFFFF : static_cast<int32_t>(bytesLeft);
+        return decoder->StartDecoder(firstFrame, available, info);
+    }
+    // Closer to the end a limit would make the start fail where the player's succeeds. The
+    // start reads a copy instead, the missing bytes zero, and a VBR header that the end of the
+    // file cuts short counts as none, as it must: its id is blanked in the copy. The header
+    // sits after 4 header bytes, 2 of CRC when the protection bit is clear, and 32, 17 or 9
+    // bytes of side information.
+    uint8_t copy[startBytes];
+    memset(copy, 0, sizeof(copy));
+    memcpy(copy, firstFrame, static_cast<size_t>(bytesLeft));
+    if (bytesLeft >= 4) {
+        const bool mpeg1 = (copy[1] & 0x18) == 0x18;
+        const bool mono = (copy[3] >> 6) == 3;
+        const uint32_t crc = (copy[1] & 1) ? 0 : 2;
+        const uint32_t at = 4 + crc + (mpeg1 ? (mono ? 17 : 32) : (mono ? 9 : 17));
+        if ((memcmp(copy + at, "Xing", 4) == 0 && at + 16 > bytesLeft) ||
+            (memcmp(copy + at, "VBRI", 4) == 0 && at + 18 > bytesLeft)) {
+            memset(copy + at, 0, 4);
+        }
+    }
+    return decoder->StartDecoder(copy, 0x7FFFFFFF, info);
+}

@@ -27,11 +27,9 @@ const uint32_t kSampleRateHz[4][4] = {
     {44100, 48000, 32000, 0},
 };
 
-const uint32_t kVersionMpeg25 = 0;
 const uint32_t kVersionReserved = 1;
 const uint32_t kVersionMpeg1 = 3;
 const uint32_t kLayerBitsReserved = 0;
-const uint32_t kLayerBitsLayer3 = 1;
 const uint32_t kLayerBitsLayer2 = 2;
 const uint32_t kLayerBitsLayer1 = 3;
 const uint32_t kModeSingleChannel = 3;

@@ -11,6 +11,7 @@
 
 #include "decode_support.h"
 #include "player/mp3/MP3File.h"
+#include "player/mp3/decoder/MP3Decoder.h"
 #include "tools/Mp3ToWav.h"
 
 namespace fs = std::filesystem;
@@ -241,6 +242,60 @@ TEST(PlayerWalk, SkippedFrameKeepsThePreviousBatchsPcm)
     ASSERT_GT(own.pcm.size(), 15 * frame);
     EXPECT_TRUE(std::all_of(own.pcm.begin() + static_cast<long>(14 * frame),
                             own.pcm.begin() + static_cast<long>(15 * frame), [](int16_t v) { return v == 0; }));
+}
+
+TEST(PlayerWalk, StartsOnFilesShorterThanTheDecodersMinimumWithoutReadingPastThem)
+{
+    // The player gives StartDecoder no limit, so a stream of two small frames starts; the
+    // bytes left would not pass the decoder's minimum of 156.
+    TempDirectory dir("quorbel-walk");
+    struct Case {
+        const char* name;
+        std::vector<uint8_t> bytes;
+        int32_t bitrate;      // 0 when a VBR header is found
+        int32_t totalFrames;
+    };
+    // MPEG-2.5, 8 kbit/s, 8 kHz, single channel: 72-byte frames of zeros.
+    std::vector<uint8_t> plain(144, 0);
+    const uint8_t small[4] = {0xFF, 0xE3, 0x18, 0xC0};
+    memcpy(plain.data(), small, 4);
+    memcpy(plain.data() + 72, small, 4);
+    // MPEG-2.5, 8 kbit/s, 12 kHz, single channel: 48-byte frames; a whole Xing header 13 bytes
+    // in (4 header bytes and 9 of side information), flags 1, seven frames.
+    std::vector<uint8_t> xing(96, 0);
+    const uint8_t twelve[4] = {0xFF, 0xE3, 0x14, 0xC0};
+    memcpy(xing.data(), twelve, 4);
+    memcpy(xing.data() + 13, "Xing\0\0\0\x01\0\0\0\x07", 12);
+    memcpy(xing.data() + 48, twelve, 4);
+    // MPEG-2, 8 kbit/s, 22.05 kHz, stereo with CRC, padded: a 27-byte frame whose "Xing" id
+    // at 23 fits but whose fields run past the end of the 31-byte file. It counts as no VBR
+    // header; read with zeros after the end, its flags would be 0 and the start would fail.
+    std::vector<uint8_t> cut(31, 0);
+    const uint8_t crcHeader[4] = {0xFF, 0xF2, 0x12, 0x00};
+    memcpy(cut.data(), crcHeader, 4);
+    memcpy(cut.data() + 23, "Xing", 4);
+    const uint8_t next[4] = {0xFF, 0xF2, 0x10, 0x00};
+    memcpy(cut.data() + 27, next, 4);
+    const Case cases[] = {
+        {"plain.mp3", plain, 8000, 0},
+        {"xing.mp3", xing, 0, 7},
+        {"cut-xing.mp3", cut, 8000, 0},
+    };
+    for (const Case& c : cases) {
+        const fs::path path = dir.Path() / c.name;
+        ASSERT_TRUE(WriteBytes(path, c.bytes));
+        CMp3ToWav walk;
+        ASSERT_EQ(1, walk.Open(path.string().c_str())) << c.name;
+        EXPECT_EQ(c.bitrate, walk.StreamInfo().bitrate) << c.name;
+        EXPECT_EQ(c.totalFrames, walk.StreamInfo().totalFrames) << c.name;
+
+        // Given the bytes left as its limit, the decoder refuses the same file.
+        CMP3Decoder decoder;
+        MP3StreamInfo info;
+        memset(&info, 0, sizeof(info));
+        EXPECT_EQ(0, decoder.StartDecoder(walk.File().pFirstFrame, static_cast<int32_t>(c.bytes.size()), &info));
+        EXPECT_EQ(5u, decoder.LastError);
+    }
 }
 
 }  // namespace
