@@ -41,6 +41,10 @@ protected:                                            \
         return &map;                                                                    \
     }
 
+// LRESULT memberFxn(WPARAM, LPARAM), for any message
+#define ON_MESSAGE(message, memberFxn)                                                   \
+    { message, [](CWnd* w, WPARAM p, LPARAM l) -> LRESULT {                              \
+          return static_cast<ThisClass*>(w)->memberFxn(p, l); } },
 // int OnCreate(LPCREATESTRUCTA)
 #define ON_WM_CREATE()                                                                   \
     { WM_CREATE, [](CWnd* w, WPARAM, LPARAM l) -> LRESULT {                              \

@@ -185,6 +185,11 @@ void CSoundFilePlayer::SetForegroundProcess(DWORD dwPid) {
     }
 }
 
+int CSoundFilePlayer::PlayingCount() {
+    CSectionLock lock(m_csPlaying);
+    return static_cast<int>(m_playing.size());
+}
+
 int CSoundFilePlayer::WaitForPlayThreads(DWORD dwTimeoutMs) {
     DWORD start = GetTickCount();
     while (m_nPlayThreads.load() > 0) {

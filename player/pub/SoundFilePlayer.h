@@ -50,6 +50,8 @@ public:
     // 1 when no play thread of this player is alive any more, waiting at most dwTimeoutMs.
     int WaitForPlayThreads(DWORD dwTimeoutMs);
     long LivePlayThreads() const { return m_nPlayThreads.load(); }
+    // How many plays are listed now.
+    int PlayingCount();
 
     // Play thread. AddPlaying returns 0 when the player is closing: the play must not start.
     // Its device and record then stay the caller's; it must not call RemovePlaying.
