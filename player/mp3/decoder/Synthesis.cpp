@@ -303,23 +303,18 @@ void SynthesizeSlots(const float slots[18][32], float ring[512], uint32_t* offse
     const size_t slotBytes = 32 * 2 * static_cast<size_t>(stride);
 
     // Four slots are matrixed together, but each enters the ring only when its turn comes: the
-    // slot after it goes where the oldest slot still read by its windowing lies.
+    // slot after it goes where the oldest slot still read by its windowing lies. The last group
+    // is slots 14..17, of which 14 and 15 are already done.
     alignas(16) float u[4][32];
-    int s = 0;
-    for (; s + 4 <= 18; s += 4) {
-        SynthMatrix4(slots + s, u);
-        for (int t = 0; t < 4; ++t) {
+    for (int s = 0; s < 18; s += 4) {
+        const int first = s < 14 ? s : 14;
+        SynthMatrix4(slots + first, u);
+        for (int t = s - first; t < 4; ++t) {
             std::memcpy(ring + o, u[t], sizeof u[t]);
             SynthWindowToPcm(ring, o, pcm, stride);
             o = (o - 32) & kRingMask;
             pcm += slotBytes;
         }
-    }
-    for (; s < 18; ++s) {
-        SynthMatrix(slots[s], ring, o);
-        SynthWindowToPcm(ring, o, pcm, stride);
-        o = (o - 32) & kRingMask;
-        pcm += slotBytes;
     }
     *offset = o;
 }
