@@ -68,6 +68,8 @@ bool DecodeWithWalk(const std::string& path, DecodedStream* out, std::string* er
     out->sampleRate = info.outSampleRate;
     out->version = static_cast<int>(info.version);
     out->frameBytes = static_cast<uint32_t>(info.outFrameBytes);
+    out->bitrate = info.bitrate;
+    out->totalFrames = info.totalFrames;
     out->skipped.clear();
     out->offsets.clear();
 

@@ -14,6 +14,8 @@ struct DecodedStream {
     int sampleRate = 0;
     int version = 0;
     uint32_t frameBytes = 0;          // PCM bytes per frame
+    int32_t bitrate = 0;              // the stream information's: 0 when a VBR header was found
+    int32_t totalFrames = 0;
     std::vector<int16_t> pcm;         // every batch of the pass, back to back
     std::vector<uint8_t> skipped;     // per decoded frame: 1 when it wrote no PCM for want of
                                       // reservoir data

@@ -19,13 +19,14 @@ inline void CMP3Decoder::SetBitPos(const uint8_t* p) {
 
 inline void CMP3Decoder::SetBitLimit(const uint8_t* p) { LimitPtr = p; }
 
-// Loads bytes while at most 24 bits are held. Every caller's condition (fewer than n bits held,
-// n <= 25) already implies BitCount <= 24, so the first byte is always loaded.
+// Loads bytes while at most 24 bits are held. A condition that holds with more than 24 bits
+// held loads nothing; with the widths the decoder asks for (at most 25 bits) the test is folded
+// into the caller's.
 inline void CMP3Decoder::RefillBits() {
-    do {
+    while (BitCount <= 24) {
         BitBuffer = (BitBuffer << 8) | *ReadPtr++;
         BitCount += 8;
-    } while (BitCount <= 24);
+    }
 }
 
 // n from 0 to 25; GetBits(0) returns 0 and changes nothing.
