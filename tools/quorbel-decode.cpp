@@ -10,10 +10,14 @@
 #include <cstdio>
 #include <cstring>
 
+#include "player/mp3/decoder/DecoderTables.h"
 #include "player/mp3/decoder/MP3Decoder.h"
-#include "tools/Mp3ToWav.h"
+#include "player/mp3/MP3Stream.h"
+#include "player/pub/Log.h"
 
 namespace {
+
+const char kUnitPath[] = "tools/quorbel-decode";
 
 const int kExitOk = 0;
 const int kExitCannotPlay = 1;
@@ -114,13 +118,19 @@ int main(int argc, char** argv)
     const char* inName = names[0];
     const char* outName = names[1];
 
-    CMp3ToWav walk;
+    InitDecoderTables();
+    CMP3Stream walk;
     if (!walk.Open(inName)) {
+        // The log gets the player's lines for the same failure, under this tool's name.
         const char* reason = "it could not be opened or holds no MP3 frame to trust";
-        if (walk.LastOpenFailure() == CMp3ToWav::OPEN_START_FAILED) {
+        if (walk.LastOpenFailure() == CMP3Stream::OPEN_START_FAILED) {
+            g_logFile.Log("[%s:%d]file(%s),decoder start failed", kUnitPath, __LINE__, inName);
             reason = "the decoder refused its first frame (not Layer III, or a bad VBR header)";
-        } else if (walk.LastOpenFailure() == CMp3ToWav::OPEN_OUT_OF_MEMORY) {
+        } else if (walk.LastOpenFailure() == CMP3Stream::OPEN_OUT_OF_MEMORY) {
+            g_logFile.Log("[%s:%d]file(%s),out of memory", kUnitPath, __LINE__, inName);
             reason = "out of memory";
+        } else {
+            g_logFile.Log("[%s:%d]file(%s),open failed", kUnitPath, __LINE__, inName);
         }
         fprintf(stderr, "quorbel-decode: cannot play %s: %s; see quorbel.log\n", inName, reason);
         return kExitCannotPlay;

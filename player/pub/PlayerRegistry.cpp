@@ -4,6 +4,7 @@
 
 #include <new>
 
+#include "player/mp3/MP3FilePlayer.h"
 #include "player/pub/Log.h"
 #include "player/pub/SoundFilePlayer.h"
 #include "player/wav/WavFilePlayer.h"
@@ -17,8 +18,7 @@ CSoundFilePlayer* NewBuiltInPlayer(int nSlot) {
         case CPlayerRegistry::kWavSlot:
             return new (std::nothrow) CWavFilePlayer;
         case CPlayerRegistry::kMP3Slot:
-            // No MP3 player yet: an .mp3 name is passed over like an unknown extension.
-            return nullptr;
+            return new (std::nothrow) CMP3FilePlayer;
         default:
             return nullptr;
     }

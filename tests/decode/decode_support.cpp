@@ -15,7 +15,7 @@
 #include "player/mp3/MP3File.h"
 #include "player/mp3/decoder/DecoderTables.h"
 #include "player/mp3/decoder/MP3Decoder.h"
-#include "tools/Mp3ToWav.h"
+#include "player/mp3/MP3Stream.h"
 
 namespace fs = std::filesystem;
 
@@ -58,7 +58,7 @@ void NoteFrame(void* context, const MP3FrameIO& io, const CMP3Decoder& decoder)
 
 bool DecodeWithWalk(const std::string& path, DecodedStream* out, std::string* error)
 {
-    CMp3ToWav walk;
+    CMP3Stream walk;
     if (!walk.Open(path.c_str())) {
         *error = "cannot play " + path + " (failure " + std::to_string(walk.LastOpenFailure()) + ")";
         return false;

@@ -20,7 +20,7 @@
 #include "player/mp3/decoder/DecoderTables.h"
 #include "player/mp3/decoder/MP3Decoder.h"
 #include "player/pub/Log.h"
-#include "tools/Mp3ToWav.h"
+#include "player/mp3/MP3Stream.h"
 
 namespace {
 
@@ -98,7 +98,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
         MP3StreamInfo info;
         memset(&info, 0, sizeof(info));
         const uint8_t* end = file.pView + file.dwSize;
-        if (CMp3ToWav::StartAsThePlayer(decoder.get(), file.pFirstFrame,
+        if (CMP3Stream::StartAsThePlayer(decoder.get(), file.pFirstFrame,
                                         static_cast<uint64_t>(end - file.pFirstFrame), &info)) {
             Check(info.outChannels == 1 || info.outChannels == 2, "channels out of range");
             Check(info.outFrameBytes > 0 && info.outFrameBytes <= 4608, "frame PCM size out of range");

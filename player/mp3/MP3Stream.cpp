@@ -1,47 +1,34 @@
-#include "tools/Mp3ToWav.h"
+#include "player/mp3/MP3Stream.h"
 
 #include <cstring>
 #include <new>
 
-#include "player/mp3/decoder/DecoderTables.h"
-#include "player/pub/Log.h"
-
-namespace {
-
-const char kUnitPath[] = "tools/Mp3ToWav";
-
-}  // namespace
-
-CMp3ToWav::CMp3ToWav()
+CMP3Stream::CMP3Stream()
     : m_started(false), m_openFailure(OPEN_OK), m_framesDecoded(0), m_batchesWritten(0), m_refusedFrame(nullptr),
       m_refusedError(0)
 {
-    // The tables are process-wide and built once, as the MP3 player's constructor does.
-    static const bool s_tablesBuilt = (InitDecoderTables(), true);
-    (void)s_tablesBuilt;
     memset(&m_info, 0, sizeof(m_info));
     memset(&m_io, 0, sizeof(m_io));
 }
 
-CMp3ToWav::~CMp3ToWav()
+CMP3Stream::~CMP3Stream()
 {
     Close();
 }
 
-void CMp3ToWav::Close()
+void CMP3Stream::Close()
 {
     m_started = false;
     m_decoder.reset();
     m_file.Close();
 }
 
-int CMp3ToWav::Open(const char* fileName)
+int CMP3Stream::Open(const char* fileName)
 {
     Close();
     m_openFailure = OPEN_OK;
     const char* name = (fileName != nullptr) ? fileName : "";
     if (!m_file.Open(name)) {
-        g_logFile.Log("[%s:%d]file(%s),open failed", kUnitPath, __LINE__, name);
         m_openFailure = OPEN_FILE_FAILED;
         return 0;
     }
@@ -51,7 +38,6 @@ int CMp3ToWav::Open(const char* fileName)
         m_block.reset(new (std::nothrow) uint8_t[kBlockBytes]);
     }
     if (!m_decoder || !m_block) {
-        g_logFile.Log("[%s:%d]file(%s),out of memory", kUnitPath, __LINE__, name);
         m_openFailure = OPEN_OUT_OF_MEMORY;
         Close();
         return 0;
@@ -60,7 +46,6 @@ int CMp3ToWav::Open(const char* fileName)
     memset(&m_info, 0, sizeof(m_info));
     const uint64_t bytesLeft = m_file.dwSize - static_cast<uint64_t>(m_file.pFirstFrame - m_file.pView);
     if (!StartAsThePlayer(m_decoder.get(), m_file.pFirstFrame, bytesLeft, &m_info)) {
-        g_logFile.Log("[%s:%d]file(%s),decoder start failed", kUnitPath, __LINE__, name);
         m_openFailure = OPEN_START_FAILED;
         Close();
         return 0;
@@ -69,7 +54,7 @@ int CMp3ToWav::Open(const char* fileName)
     return 1;
 }
 
-int CMp3ToWav::Pass(BatchSink sink, void* sinkContext, FrameObserver observer, void* observerContext)
+int CMP3Stream::Pass(BatchSink sink, void* sinkContext, FrameObserver observer, void* observerContext)
 {
     m_framesDecoded = 0;
     m_batchesWritten = 0;

@@ -1,9 +1,11 @@
 #pragma once
-// The MP3 player's walk over a file, without the sound device: the scanner opens the file, a
-// decoder starts on its first frame, and each pass decodes the frames ten at a time into one
-// 64 KiB block that is zeroed at the start of the pass. Each batch (the block from its start
-// to the end of the last frame decoded into it) goes to a sink instead of the device, so what
-// the sink receives is byte for byte what the player would queue.
+// The walk of an MP3 play over its file: the scanner opens the file, a decoder starts on its
+// first frame, and each pass decodes the frames ten at a time into one 64 KiB block that is
+// zeroed at the start of the pass. Each batch (the block from its start to the end of the last
+// frame decoded into it) goes to a sink: the MP3 player's sink is the wave output, quorbel-decode's
+// a file, so the tool writes byte for byte what the player queues. Portable; it logs nothing
+// of its own (the caller says which step failed, under its own name). InitDecoderTables must
+// have run before the first Open.
 
 #include <cstdint>
 #include <cstring>
@@ -13,7 +15,7 @@
 #include "player/mp3/MP3FrameHeader.h"
 #include "player/mp3/decoder/MP3Decoder.h"
 
-class CMp3ToWav {
+class CMP3Stream {
 public:
     // Receives one batch; a result of 0 ends the pass, as a failed write ends a play's pass.
     typedef int (*BatchSink)(void* context, const uint8_t* pcm, uint32_t bytes);
@@ -31,11 +33,11 @@ public:
     static const uint32_t kBlockBytes = 65536;
     static const int kFramesPerBatch = 10;
 
-    CMp3ToWav();
-    ~CMp3ToWav();
+    CMP3Stream();
+    ~CMP3Stream();
 
-    CMp3ToWav(const CMp3ToWav&) = delete;
-    CMp3ToWav& operator=(const CMp3ToWav&) = delete;
+    CMP3Stream(const CMP3Stream&) = delete;
+    CMP3Stream& operator=(const CMP3Stream&) = delete;
 
     // Starts the decoder on the first frame as the MP3 player does, which gives StartDecoder no
     // limit on the bytes available, without reading past the file (bytesLeft: from the first
@@ -43,8 +45,9 @@ public:
     static int StartAsThePlayer(CMP3Decoder* decoder, const uint8_t* firstFrame, uint64_t bytesLeft,
                                 MP3StreamInfo* info);
 
-    // Scans the file and starts the decoder on its first frame. 1 on success; on failure the
-    // reason is in the log and the object is closed.
+    // Scans the file and starts the decoder on its first frame. 1 on success; on failure
+    // LastOpenFailure tells which step failed (the scanner has logged its own reasons) and the
+    // object is closed.
     int Open(const char* fileName);
     // One pass from the first frame to the end of the stream or the first refused frame. The
     // decoder is not restarted between passes, as in a looping play. 1 when the pass ran to
@@ -79,7 +82,7 @@ private:
     uint32_t m_refusedError;
 };
 
-inline int CMp3ToWav::StartAsThePlayer(CMP3Decoder* decoder, const uint8_t* firstFrame,
+inline int CMP3Stream::StartAsThePlayer(CMP3Decoder* decoder, const uint8_t* firstFrame,
                                        uint64_t bytesLeft, MP3StreamInfo* info)
 {
     // The start reads the header, a CRC, the side information and a VBR header: at most

@@ -1,0 +1,92 @@
+#include "player/mp3/MP3FilePlayer.h"
+
+#include <cstdint>
+
+#include "player/mp3/MP3Stream.h"
+#include "player/mp3/decoder/DecoderTables.h"
+#include "player/pub/Log.h"
+#include "player/pub/WavOut.h"
+
+namespace {
+
+const char kUnitPath[] = "player/mp3/MP3FilePlayer";
+
+// Queues one batch; 0 when the output refused it (stopped or dead), which ends the pass.
+int QueueBatch(void* context, const uint8_t* pcm, uint32_t bytes) {
+    // A batch is at most ten frames of 4608 bytes, far below Write's signed 32-bit limit.
+    return static_cast<CWavOut*>(context)->Write(pcm, static_cast<int32_t>(bytes));
+}
+
+}  // namespace
+
+CMP3FilePlayer::CMP3FilePlayer() {
+    // Made by the registry on the main thread at the first MP3 request, before any MP3 play
+    // thread exists; the tables are only read from then on.
+    InitDecoderTables();
+}
+
+int CMP3FilePlayer::PlayFile(PlayRequest* pRequest) {
+    CMP3Stream stream;
+    if (!stream.Open(pRequest->szFileName)) {
+        switch (stream.LastOpenFailure()) {
+            case CMP3Stream::OPEN_START_FAILED:
+                g_logFile.Log("[%s:%d]file(%s),decoder start failed", kUnitPath, __LINE__,
+                              pRequest->szFileName);
+                break;
+            case CMP3Stream::OPEN_OUT_OF_MEMORY:
+                g_logFile.Log("[%s:%d]file(%s),out of memory", kUnitPath, __LINE__,
+                              pRequest->szFileName);
+                break;
+            default:
+                g_logFile.Log("[%s:%d]file(%s),open failed", kUnitPath, __LINE__,
+                              pRequest->szFileName);
+                break;
+        }
+        return 0;
+    }
+
+    // The first frame fixes the format for the whole play; later frames of another mode or
+    // rate are decoded into it.
+    const MP3StreamInfo& info = stream.StreamInfo();
+    CWavOut out;
+    WavOutParams params = {};
+    params.nChannels = info.outChannels;
+    params.nSamplesPerSec = info.outSampleRate;
+    params.nBitsPerSample = info.outBits;
+    params.nBufferCount = 0;  // the output's defaults: 8 buffers of 4096 bytes
+    params.nBufferSize = 0;
+    if (!out.Open(params)) {
+        g_logFile.Log("[%s:%d]file(%s),wav init failed", kUnitPath, __LINE__,
+                      pRequest->szFileName);
+        return 0;
+    }
+
+    out.bSilent = static_cast<int32_t>(pRequest->bStartSilent);
+    pRequest->pWavOut = &out;
+    if (!AddPlaying(pRequest)) {
+        // The server is closing: the play never starts.
+        pRequest->pWavOut = nullptr;
+        return 0;
+    }
+    // From here on a stop or a foreground change may reach the output from the main thread.
+    CPlayingGuard listed(*this, pRequest);
+
+    // The decoder is not restarted between passes: its reservoir and filter-bank state run on,
+    // so a loop continues without a gap. A pass ends at the end of the stream, at a frame the
+    // decoder refuses, or at a refused write, which is how a stop reaches the play.
+    int outputAlive = 1;
+    do {
+        outputAlive = stream.Pass(&QueueBatch, &out);
+        // A looping pass that queued nothing (the first frame refused) would otherwise spin.
+        if (outputAlive && stream.BatchesWritten() == 0 &&
+            pRequest->bLoop.load(std::memory_order_relaxed)) {
+            Sleep(out.dwSleepMs > 0 ? out.dwSleepMs : 1);
+        }
+    } while (outputAlive && pRequest->bLoop.load(std::memory_order_relaxed) != 0);
+
+    listed.Release();
+    out.WaitForBuffers();
+    out.Close();
+    stream.Close();
+    return 1;
+}
