@@ -61,13 +61,7 @@ int CMP3FilePlayer::PlayFile(PlayRequest* pRequest) {
         return 0;
     }
 
-    out.bSilent = static_cast<int32_t>(pRequest->bStartSilent);
-    pRequest->pWavOut = &out;
-    if (!AddPlaying(pRequest)) {
-        // The server is closing: the play never starts.
-        pRequest->pWavOut = nullptr;
-        return 0;
-    }
+    if (!StartListedPlay(pRequest, &out)) return 0;  // the server is closing
     // From here on a stop or a foreground change may reach the output from the main thread.
     CPlayingGuard listed(*this, pRequest);
 

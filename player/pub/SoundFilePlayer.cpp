@@ -100,6 +100,16 @@ DWORD WINAPI CSoundFilePlayer::PlayThreadProc(LPVOID pParam) {
     return 0;
 }
 
+int CSoundFilePlayer::StartListedPlay(PlayRequest* pRequest, CWavOut* pOut) {
+    pOut->bSilent = static_cast<int32_t>(pRequest->bStartSilent);
+    pRequest->pWavOut = pOut;
+    if (!AddPlaying(pRequest)) {
+        pRequest->pWavOut = nullptr;
+        return 0;
+    }
+    return 1;
+}
+
 int CSoundFilePlayer::AddPlaying(PlayRequest* pRequest) {
     CSectionLock lock(m_csPlaying);
     if (m_bClosing) return 0;

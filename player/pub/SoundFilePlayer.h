@@ -59,6 +59,11 @@ public:
     void RemovePlaying(PlayRequest* pRequest);
 
 protected:
+    // Hands an opened output to the play (silent when its client is not in front) and lists
+    // it. 0 when the server is closing: the play must not start, and the output stays the
+    // caller's.
+    int StartListedPlay(PlayRequest* pRequest, CWavOut* pOut);
+
     // Unlists the play when it leaves scope, also by an exception: the record and the device
     // must not stay listed once they are gone. Declare it after the output device.
     class CPlayingGuard {
