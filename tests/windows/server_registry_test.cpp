@@ -4,6 +4,8 @@
 
 #include <string>
 
+#include "player/mp3/MP3FilePlayer.h"
+#include "player/mp3/decoder/DecoderTables.h"
 #include "player/wav/WavFilePlayer.h"
 #include "tests/windows/server_support.h"
 
@@ -153,12 +155,14 @@ TEST(RegistryShutdown, PlayerOutlivedByItsThreadIsLeftAliveAndLogged) {
     delete stuck;
 }
 
-TEST(RegistryBuiltIn, WavHasAPlayerAndMp3IsPassedOverForNow) {
+TEST(RegistryBuiltIn, EachTypeHasItsPlayerAndTheMp3OneBuildsTheDecoderTables) {
     CPlayerRegistry registry;
-    EXPECT_EQ(registry.GetPlayer("x.mp3"), nullptr);
-    EXPECT_EQ(registry.Play(0, "x.mp3", 0, 0), 0);
-    EXPECT_NE(registry.GetPlayer("x.wav"), nullptr);
-    EXPECT_NE(dynamic_cast<CWavFilePlayer*>(registry.m_pWavPlayer), nullptr);
+    CSoundFilePlayer* mp3 = registry.GetPlayer("x.mp3");
+    ASSERT_NE(dynamic_cast<CMP3FilePlayer*>(mp3), nullptr);
+    EXPECT_FLOAT_EQ(GainTable[216], 32768.0f);  // 2^((216 - 156) / 4)
+    EXPECT_EQ(registry.GetPlayer("y.MP3"), mp3);
+    EXPECT_NE(dynamic_cast<CWavFilePlayer*>(registry.GetPlayer("x.wav")), nullptr);
+    EXPECT_EQ(registry.GetPlayer("x.ogg"), nullptr);
 }
 
 }  // namespace
