@@ -147,6 +147,18 @@ double WindowsMatching(const std::vector<float>& signal, const std::vector<float
     return windows == 0 ? 0.0 : static_cast<double>(matched) / static_cast<double>(windows);
 }
 
+// The median of the tone's level over tenths of a second in [from, to): a looped MP3 of a tone
+// restarts its phase, and brings the encoder's delay, at every pass, which would lower one
+// level taken across the seams.
+double MedianLevel(const std::vector<int16_t>& rec, size_t from, size_t to, double frequency) {
+    std::vector<double> levels;
+    for (size_t at = from; at + 4410 <= std::min(to, rec.size() / 2); at += 4410)
+        levels.push_back(ToneLevel(rec, at, at + 4410, frequency));
+    if (levels.empty()) return 0;
+    std::nth_element(levels.begin(), levels.begin() + static_cast<long>(levels.size() / 2), levels.end());
+    return levels[levels.size() / 2];
+}
+
 class ServerMp3 : public ServerSystem {
 protected:
     void SetUp() override {
@@ -438,7 +450,6 @@ TEST_F(ServerMp3, ARefusedFrameEndsThePassAndALoopStartsOverAtTheFirstFrame) {
     // start from another reservoir were it reached).
     std::vector<int16_t> cutOff = Audible(Slice(whole, 1152 * (bad + 1), frames.size() * 1152));
     ASSERT_GT(cutOff.size(), 2u * 1152 * 4);
-    std::vector<int16_t> audible = Audible(cut);
     std::vector<int16_t> laterPass = Slice(cut, 1152, bad * 1152);
 
     ASSERT_TRUE(Send(kIgnoreForeground, {"cut.mp3"}));
@@ -451,7 +462,9 @@ TEST_F(ServerMp3, ARefusedFrameEndsThePassAndALoopStartsOverAtTheFirstFrame) {
     std::vector<int16_t> rec = StopRecording(800);
 
     long long at = 0;
-    EXPECT_TRUE(HeardWhole(rec, audible, 0, &at)) << "the frames before the refused one";
+    // A new stream may lose its first milliseconds on the way to the recording: the pass is
+    // looked for from its second frame on.
+    EXPECT_TRUE(HeardWhole(rec, laterPass, 0, &at)) << "the frames before the refused one";
     EXPECT_LT(at, static_cast<long long>(2 * loopStart));
     long long found = 0;
     EXPECT_FALSE(FindMaterial(rec, cutOff, &found)) << "frames after the refused one were heard";
@@ -520,7 +533,8 @@ TEST_F(ServerMp3, RefusedFilesAreLoggedAndServingGoesOn) {
     }
 
     // Still serving: a good MP3 after them all.
-    std::vector<int16_t> audible = Audible(Decode("good.mp3"));
+    // From its second frame on: a new stream may lose its first milliseconds on the way.
+    std::vector<int16_t> audible = Slice(Decode("good.mp3"), 1152, 1u << 30);
     const size_t before = Now();
     ASSERT_TRUE(SendAs("0", kIgnoreForeground, {"good.mp3"}));
     SleepMs(2000);
@@ -565,13 +579,13 @@ TEST_F(ServerMp3, EightPlaysFromFourClientsMixStopPerClientAndTheirCostIsMeasure
     for (int c = 0; c < 4; ++c) {
         ASSERT_TRUE(clients[c]->Send(kStopClient, {}));
         stopped.push_back(Now());
-        SleepMs(700);
+        SleepMs(1200);
     }
     std::vector<int16_t> rec = StopRecording(800);
 
     // Mixed: every tone at its own level (3000 each, the sum never clips).
     for (double f : tones) {
-        double level = ToneLevel(rec, spanFrom, spanTo, f);
+        double level = MedianLevel(rec, spanFrom, spanTo, f);
         EXPECT_GT(level, 2400) << f << " Hz in the mix";
         EXPECT_LT(level, 3600) << f << " Hz in the mix";
     }
@@ -580,7 +594,7 @@ TEST_F(ServerMp3, EightPlaysFromFourClientsMixStopPerClientAndTheirCostIsMeasure
     for (int c = 0; c < 4; ++c) {
         const size_t to = c + 1 < 4 ? stopped[c + 1] : rec.size() / 2;
         for (int i = 0; i < 8; ++i) {
-            double level = ToneLevel(rec, stopped[c] + settle, to, tones[i]);
+            double level = MedianLevel(rec, stopped[c] + settle, to, tones[i]);
             if (i < 2 * (c + 1)) EXPECT_LT(level, 300) << tones[i] << " Hz after client " << c << " stopped";
             else EXPECT_GT(level, 2400) << tones[i] << " Hz after client " << c << " stopped";
         }
