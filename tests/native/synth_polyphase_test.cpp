@@ -1,6 +1,8 @@
 // Polyphase synthesis: the matrixing against the plain DCT-II, the windowing sums against their
 // defining order, the whole filter bank against a direct rendering of the textbook synthesis
-// (whose negative we produce), the PCM conversion, and what each call may touch.
+// (whose negative we produce), the PCM conversion, and what each call may touch. Each test runs
+// once per build of the windowing the processor supports, and the builds are compared with each
+// other bit for bit.
 
 #include "player/mp3/decoder/Synthesis.h"
 #include "player/mp3/decoder/SynthTables.h"
@@ -19,10 +21,24 @@ namespace {
 
 const double kPi = 4.0 * std::atan(1.0);
 
-class SynthPolyphaseTest : public ::testing::Test {
+class SynthPolyphaseTest : public ::testing::TestWithParam<SynthPath> {
 protected:
     static void SetUpTestSuite() { InitDctCoefficients(); }
+    void SetUp() override
+    {
+        if (!SetSynthPath(GetParam()))
+            GTEST_SKIP() << "this processor cannot run the path";
+    }
+    void TearDown() override { SetSynthPath(chosen_); }
+
+private:
+    const SynthPath chosen_ = CurrentSynthPath();
 };
+
+std::string PathName(const ::testing::TestParamInfo<SynthPath>& info)
+{
+    return info.param == SynthPath::Avx ? "Avx" : "Sse2";
+}
 
 int16_t Sample(const uint8_t* pcm, int index)
 {
@@ -74,7 +90,7 @@ private:
     int loaded_ = 0;
 };
 
-TEST_F(SynthPolyphaseTest, MatrixingIsUnscaledDct)
+TEST_P(SynthPolyphaseTest, MatrixingIsUnscaledDct)
 {
     std::mt19937 rng(7);
     std::uniform_real_distribution<float> uni(-1.0f, 1.0f);
@@ -105,7 +121,7 @@ TEST_F(SynthPolyphaseTest, MatrixingIsUnscaledDct)
     }
 }
 
-TEST_F(SynthPolyphaseTest, WindowSumsKeepTheirOrderExactly)
+TEST_P(SynthPolyphaseTest, WindowSumsKeepTheirOrderExactly)
 {
     // Values over many binades make any change of summation order visible in the doubles.
     std::mt19937 rng(11);
@@ -142,7 +158,7 @@ TEST_F(SynthPolyphaseTest, WindowSumsKeepTheirOrderExactly)
     }
 }
 
-TEST_F(SynthPolyphaseTest, OutputIsTheNegatedTextbookSynthesis)
+TEST_P(SynthPolyphaseTest, OutputIsTheNegatedTextbookSynthesis)
 {
     StandardSynthesis standard;
     ASSERT_TRUE(standard.Loaded());
@@ -187,7 +203,7 @@ TEST_F(SynthPolyphaseTest, OutputIsTheNegatedTextbookSynthesis)
     EXPECT_LT(loudest, 32000.0);
 }
 
-TEST_F(SynthPolyphaseTest, SilenceAfterResetAndOffsetWalk)
+TEST_P(SynthPolyphaseTest, SilenceAfterResetAndOffsetWalk)
 {
     float ring[512] = {};
     uint32_t offset = 0;
@@ -204,7 +220,7 @@ TEST_F(SynthPolyphaseTest, SilenceAfterResetAndOffsetWalk)
     }
 }
 
-TEST_F(SynthPolyphaseTest, SumsTruncateTowardZeroAndClip)
+TEST_P(SynthPolyphaseTest, SumsTruncateTowardZeroAndClip)
 {
     struct Case {
         double sum;
@@ -242,7 +258,7 @@ TEST_F(SynthPolyphaseTest, SumsTruncateTowardZeroAndClip)
     }
 }
 
-TEST_F(SynthPolyphaseTest, SecondChannelTouchesOnlyItsOwnPositionsAndRing)
+TEST_P(SynthPolyphaseTest, SecondChannelTouchesOnlyItsOwnPositionsAndRing)
 {
     std::mt19937 rng(5);
     std::uniform_real_distribution<float> uni(-300.0f, 300.0f);
@@ -275,6 +291,102 @@ TEST_F(SynthPolyphaseTest, SecondChannelTouchesOnlyItsOwnPositionsAndRing)
     EXPECT_EQ(offsets[0], 96u);
     EXPECT_EQ(offsets[1], 448u);
     EXPECT_EQ(0, std::memcmp(rings[1], monoRing, sizeof monoRing));
+}
+
+INSTANTIATE_TEST_SUITE_P(Paths, SynthPolyphaseTest,
+                         ::testing::Values(SynthPath::Sse2, SynthPath::Avx), PathName);
+
+// Runs body with path forced, then gives the decoder its own choice back.
+template <class F>
+void WithPath(SynthPath path, F&& body)
+{
+    const SynthPath chosen = CurrentSynthPath();
+    ASSERT_TRUE(SetSynthPath(path));
+    body();
+    SetSynthPath(chosen);
+}
+
+class SynthPathsTest : public ::testing::Test {
+protected:
+    static void SetUpTestSuite() { InitDctCoefficients(); }
+    void SetUp() override
+    {
+        if (!SynthPathSupported(SynthPath::Avx))
+            GTEST_SKIP() << "only the SSE2 path runs on this processor";
+    }
+};
+
+TEST_F(SynthPathsTest, SsePathIsAlwaysThere)
+{
+    EXPECT_TRUE(SynthPathSupported(SynthPath::Sse2));
+}
+
+TEST_F(SynthPathsTest, BothPathsGiveTheSamePcmAndRing)
+{
+    // Loud enough that many samples clip, in both layouts, over a few thousand slots.
+    std::mt19937 rng(17);
+    std::uniform_real_distribution<float> uni(-1.0f, 1.0f);
+    std::uniform_int_distribution<int> level(0, 3);
+    float rings[2][512] = {};
+    uint32_t offsets[2] = {0, 0};
+    std::vector<uint8_t> pcm[2] = {std::vector<uint8_t>(2304 + 4), std::vector<uint8_t>(2304 + 4)};
+    for (int granule = 0; granule < 240; ++granule) {
+        const float scale = 50.0f * static_cast<float>(1 << (4 * level(rng)));
+        float slots[18][32];
+        for (auto& slot : slots) {
+            for (float& v : slot)
+                v = scale * uni(rng);
+        }
+        const int32_t stride = granule % 3 == 0 ? 1 : 2;
+        const SynthPath paths[2] = {SynthPath::Sse2, SynthPath::Avx};
+        for (int p = 0; p < 2; ++p) {
+            std::fill(pcm[p].begin(), pcm[p].end(), 0x77);
+            WithPath(paths[p], [&] {
+                SynthesizeSlots(slots, rings[p], &offsets[p], pcm[p].data() + 2, stride);
+            });
+        }
+        ASSERT_EQ(offsets[0], offsets[1]) << "granule " << granule;
+        ASSERT_EQ(0, std::memcmp(rings[0], rings[1], sizeof rings[0])) << "granule " << granule;
+        ASSERT_TRUE(pcm[0] == pcm[1]) << "granule " << granule << " stride " << stride;
+    }
+}
+
+TEST_F(SynthPathsTest, BothPathsGiveTheSameSums)
+{
+    // Values over many binades, so that any difference of order shows in the doubles.
+    std::mt19937 rng(23);
+    std::uniform_real_distribution<float> mant(-1.0f, 1.0f);
+    std::uniform_int_distribution<int> expo(-20, 14);
+    float ring[512];
+    for (int trial = 0; trial < 64; ++trial) {
+        for (float& v : ring)
+            v = std::ldexp(mant(rng), expo(rng));
+        for (uint32_t o = 0; o < 512; o += 32) {
+            double sums[2][32];
+            WithPath(SynthPath::Sse2, [&] { SynthWindowSums(ring, o, sums[0]); });
+            WithPath(SynthPath::Avx, [&] { SynthWindowSums(ring, o, sums[1]); });
+            ASSERT_EQ(0, std::memcmp(sums[0], sums[1], sizeof sums[0]))
+                << "trial " << trial << " offset " << o;
+        }
+    }
+}
+
+TEST_F(SynthPathsTest, BothPathsConvertSumsAlike)
+{
+    std::mt19937 rng(29);
+    std::uniform_real_distribution<double> uni(-1.0, 1.0);
+    std::uniform_int_distribution<int> expo(-2, 40);
+    for (int trial = 0; trial < 4000; ++trial) {
+        double sums[32];
+        for (double& v : sums)
+            v = std::ldexp(uni(rng), expo(rng));
+        const int32_t stride = 1 + trial % 2;
+        uint8_t pcm[2][130];
+        std::memset(pcm, 0x5C, sizeof pcm);
+        WithPath(SynthPath::Sse2, [&] { SynthSumsToPcm(sums, pcm[0], stride); });
+        WithPath(SynthPath::Avx, [&] { SynthSumsToPcm(sums, pcm[1], stride); });
+        ASSERT_EQ(0, std::memcmp(pcm[0], pcm[1], sizeof pcm[0])) << "trial " << trial;
+    }
 }
 
 }  // namespace

@@ -5,6 +5,9 @@
 // The ring keeps 32 of the 64 values the textbook filter bank stores per slot; the other 32
 // follow from them by symmetry, which is why one 264-entry window serves both halves of the
 // output (samples 0..16 read it forward, samples 17..31 read rows 1..15 backward).
+//
+// The windowing here is SSE2, which every x86-64 processor has; where AVX is available the
+// windowing of SynthWindowWide.cpp (the same sums, twice as wide) is used instead.
 
 #include "player/mp3/decoder/Synthesis.h"
 
@@ -13,6 +16,7 @@
 
 #include <emmintrin.h>
 
+#include <atomic>
 #include <cstddef>
 #include <cstring>
 
@@ -258,7 +262,50 @@ inline void StorePcm(const WindowSums& sums, uint8_t* pcm, int32_t stride)
     StoreEightStrided(fourth, pcm + 24 * step, step);
 }
 
+bool CpuHasAvx()
+{
+    // Also false where the system does not save the wider registers (libgcc checks XGETBV).
+    static const bool has = __builtin_cpu_supports("avx") != 0;
+    return has;
+}
+
+std::atomic<SynthPath>& ActivePath()
+{
+    static std::atomic<SynthPath> path{CpuHasAvx() ? SynthPath::Avx : SynthPath::Sse2};
+    return path;
+}
+
+bool UseAvx()
+{
+    return ActivePath().load(std::memory_order_relaxed) == SynthPath::Avx;
+}
+
+void SynthWindowToPcmSse2(const float ring[512], uint32_t offset, uint8_t* pcm, int32_t stride)
+{
+    WindowSums w;
+    Window(ring, offset, w);
+    StorePcm(w, pcm, stride);
+}
+
 }  // namespace
+
+bool SynthPathSupported(SynthPath path)
+{
+    return path == SynthPath::Sse2 || CpuHasAvx();
+}
+
+SynthPath CurrentSynthPath()
+{
+    return ActivePath().load(std::memory_order_relaxed);
+}
+
+bool SetSynthPath(SynthPath path)
+{
+    if (!SynthPathSupported(path))
+        return false;
+    ActivePath().store(path, std::memory_order_relaxed);
+    return true;
+}
 
 void SynthMatrix(const float x[32], float ring[512], uint32_t offset)
 {
@@ -267,6 +314,10 @@ void SynthMatrix(const float x[32], float ring[512], uint32_t offset)
 
 void SynthWindowSums(const float ring[512], uint32_t offset, double sums[32])
 {
+    if (UseAvx()) {
+        SynthWindowSumsAvx(ring, offset, sums);
+        return;
+    }
     WindowSums w;
     Window(ring, offset, w);
     for (int g = 0; g < 8; ++g) {
@@ -280,6 +331,10 @@ void SynthWindowSums(const float ring[512], uint32_t offset, double sums[32])
 
 void SynthSumsToPcm(const double sums[32], uint8_t* pcm, int32_t stride)
 {
+    if (UseAvx()) {
+        SynthSumsToPcmAvx(sums, pcm, stride);
+        return;
+    }
     WindowSums w;
     for (int g = 0; g < 8; ++g) {
         w.fwd[g] = _mm_loadu_pd(sums + 2 * g);
@@ -291,9 +346,10 @@ void SynthSumsToPcm(const double sums[32], uint8_t* pcm, int32_t stride)
 
 void SynthWindowToPcm(const float ring[512], uint32_t offset, uint8_t* pcm, int32_t stride)
 {
-    WindowSums w;
-    Window(ring, offset, w);
-    StorePcm(w, pcm, stride);
+    if (UseAvx())
+        SynthWindowToPcmAvx(ring, offset, pcm, stride);
+    else
+        SynthWindowToPcmSse2(ring, offset, pcm, stride);
 }
 
 void SynthesizeSlots(const float slots[18][32], float ring[512], uint32_t* offset, uint8_t* pcm,
@@ -301,6 +357,9 @@ void SynthesizeSlots(const float slots[18][32], float ring[512], uint32_t* offse
 {
     uint32_t o = *offset & kSlotMask;
     const size_t slotBytes = 32 * 2 * static_cast<size_t>(stride);
+    // One choice per granule rather than per slot.
+    void (*const windowToPcm)(const float*, uint32_t, uint8_t*, int32_t) =
+        UseAvx() ? SynthWindowToPcmAvx : SynthWindowToPcmSse2;
 
     // Four slots are matrixed together, but each enters the ring only when its turn comes: the
     // slot after it goes where the oldest slot still read by its windowing lies. The last group
@@ -311,7 +370,7 @@ void SynthesizeSlots(const float slots[18][32], float ring[512], uint32_t* offse
         SynthMatrix4(slots + first, u);
         for (int t = s - first; t < 4; ++t) {
             std::memcpy(ring + o, u[t], sizeof u[t]);
-            SynthWindowToPcm(ring, o, pcm, stride);
+            windowToPcm(ring, o, pcm, stride);
             o = (o - 32) & kRingMask;
             pcm += slotBytes;
         }

@@ -20,3 +20,20 @@ void SynthesizeSlots(const float slots[18][32], float ring[512], uint32_t* offse
 // sums; SynthSumsToPcm truncates each toward zero, clips it to [-32768, 32767] and stores it.
 void SynthWindowSums(const float ring[512], uint32_t offset, double sums[32]);
 void SynthSumsToPcm(const double sums[32], uint8_t* pcm, int32_t stride);
+
+// The windowing comes in two builds that give the identical output: SSE2, which every x86-64
+// processor has, and AVX, four double sums per register, for processors and systems that
+// support it. The best supported one is chosen on first use; tests may force either.
+enum class SynthPath { Sse2, Avx };
+bool SynthPathSupported(SynthPath path);
+SynthPath CurrentSynthPath();
+// Makes the functions above use path from now on; false (and no change) if it is unsupported.
+// Not meant to be called while another thread synthesizes.
+bool SetSynthPath(SynthPath path);
+
+// The AVX build of SynthWindowToPcm, SynthWindowSums and SynthSumsToPcm (SynthWindowWide.cpp).
+// Call only where SynthPathSupported(SynthPath::Avx).
+void SynthWindowToPcmAvx(const float ring[512], uint32_t offset, uint8_t* pcm, int32_t stride);
+void SynthWindowSumsAvx(const float ring[512], uint32_t offset, double sums[32]);
+void SynthSumsToPcmAvx(const double sums[32], uint8_t* pcm, int32_t stride);
+

@@ -1,0 +1,236 @@
+// The windowing of the polyphase synthesis for processors with AVX: four double-precision sums
+// per register instead of two, so that one slot needs half the multiplications and additions.
+// Every sum is still its own lane, starts at 0 and adds the same products in the same order as
+// the SSE2 windowing in Synthesis.cpp (m ascending, first product then second), so both give
+// the identical doubles. Only multiplications and additions are used, never fused ones: the
+// functions ask for "avx" alone, which does not let the compiler contract them.
+//
+// Only the functions marked AVX_CODE are compiled for AVX, the rest of the program stays SSE2;
+// Synthesis.cpp calls them only after asking the processor (SynthPathSupported).
+
+#include "player/mp3/decoder/Synthesis.h"
+
+#include "player/mp3/decoder/SynthTables.h"
+
+#include <immintrin.h>
+
+#include <cstddef>
+#include <cstring>
+
+#define AVX_CODE __attribute__((target("avx")))
+
+namespace {
+
+constexpr uint32_t kRingMask = 511;
+constexpr uint32_t kSlotMask = 511 & ~31u;
+
+// SynthWindow widened to double for four samples side by side. Group q (q = 0..3) computes
+// samples r .. r + 3 forward and 32 - r .. 29 - r backward, r = 4q; lane t holds sample r + t
+// and 32 - r - t. For m = 0..7, w[q][m] holds per lane
+//   [0]  W[16(r + t) + 2m]          first product of sample r + t
+//   [1] -W[16(r + t) + 2m + 1]      second product of sample r + t (subtracted)
+//   [2]  W[16(r + t) + 15 - 2m]     first product of sample 32 - r - t
+//   [3]  W[16(r + t) + 14 - 2m]     second product of sample 32 - r - t
+// with 0 for the sample 32 that does not exist (q = 0, t = 0), as in SynthWindowLanes.
+struct WideWindowTable {
+    alignas(32) double w[4][8][4][4];
+};
+
+WideWindowTable BuildWideWindow()
+{
+    WideWindowTable table = {};
+    for (int q = 0; q < 4; ++q) {
+        for (int m = 0; m < 8; ++m) {
+            for (int t = 0; t < 4; ++t) {
+                const int i = 4 * q + t;
+                double(&w)[4][4] = table.w[q][m];
+                w[0][t] = SynthWindow[16 * i + 2 * m];
+                w[1][t] = -static_cast<double>(SynthWindow[16 * i + 2 * m + 1]);
+                w[2][t] = i == 0 ? 0.0 : SynthWindow[16 * i + 15 - 2 * m];
+                w[3][t] = i == 0 ? 0.0 : SynthWindow[16 * i + 14 - 2 * m];
+            }
+        }
+    }
+    return table;
+}
+
+// SynthWindow is constant-initialised data, complete before this dynamic initialiser runs.
+const WideWindowTable kWideWindow = BuildWideWindow();
+
+// fwd[q] = samples 4q .. 4q + 3, bwd[q] = samples 32 - 4q .. 29 - 4q (the first lane of bwd[0],
+// sample 32, holds 0); s16 is sample 16.
+struct WideSums {
+    __m256d fwd[4];
+    __m256d bwd[4];
+    double s16;
+};
+
+// One group's products for one m, added to its two sums in their order: the first product
+// (ring value a) and then the second (ring value b) of each sample. Each group's ring values are
+// converted just before use so that the eight sums stay in registers with room to spare.
+AVX_CODE inline void AddGroup(const float* pa, const float* pb, const double (*w)[4], __m256d& fwd,
+                              __m256d& bwd)
+{
+    const __m256d a = _mm256_cvtps_pd(_mm_loadu_ps(pa));
+    fwd = _mm256_add_pd(fwd, _mm256_mul_pd(a, _mm256_load_pd(w[0])));
+    bwd = _mm256_add_pd(bwd, _mm256_mul_pd(a, _mm256_load_pd(w[2])));
+    // b is stored downward: lane t comes from pb[3 - t].
+    const __m128 bf = _mm_loadu_ps(pb);
+    const __m256d b = _mm256_cvtps_pd(_mm_shuffle_ps(bf, bf, _MM_SHUFFLE(0, 1, 2, 3)));
+    fwd = _mm256_add_pd(fwd, _mm256_mul_pd(b, _mm256_load_pd(w[1])));
+    bwd = _mm256_add_pd(bwd, _mm256_mul_pd(b, _mm256_load_pd(w[3])));
+}
+
+// Per m, sample i reads ring[base + 16 + i] (first product) and ring[base + 48 - i] (second
+// product), base = o + 64m: sixteen consecutive floats on each side, each run inside one
+// aligned block of 32 because o is a multiple of 32, so masking its start keeps it whole.
+// The eight sums of the four groups are independent chains of additions.
+AVX_CODE inline void WindowWide(const float* ring, uint32_t offset, WideSums& sums)
+{
+    const uint32_t o = offset & kSlotMask;
+    __m256d fwd0 = _mm256_setzero_pd(), fwd1 = _mm256_setzero_pd();
+    __m256d fwd2 = _mm256_setzero_pd(), fwd3 = _mm256_setzero_pd();
+    __m256d bwd0 = _mm256_setzero_pd(), bwd1 = _mm256_setzero_pd();
+    __m256d bwd2 = _mm256_setzero_pd(), bwd3 = _mm256_setzero_pd();
+    for (uint32_t m = 0; m < 8; ++m) {
+        const uint32_t base = o + 64 * m;
+        // pa[i] = ring[base + 16 + i]; pb[15 - i] = ring[base + 48 - i].
+        const float* pa = ring + ((base + 16) & kRingMask);
+        const float* pb = ring + ((base + 33) & kRingMask);
+        AddGroup(pa, pb + 12, kWideWindow.w[0][m], fwd0, bwd0);
+        AddGroup(pa + 4, pb + 8, kWideWindow.w[1][m], fwd1, bwd1);
+        AddGroup(pa + 8, pb + 4, kWideWindow.w[2][m], fwd2, bwd2);
+        AddGroup(pa + 12, pb, kWideWindow.w[3][m], fwd3, bwd3);
+    }
+    sums.fwd[0] = fwd0;
+    sums.fwd[1] = fwd1;
+    sums.fwd[2] = fwd2;
+    sums.fwd[3] = fwd3;
+    sums.bwd[0] = bwd0;
+    sums.bwd[1] = bwd1;
+    sums.bwd[2] = bwd2;
+    sums.bwd[3] = bwd3;
+    // Sample 16 has its own eight entries and one product per m.
+    double s16 = 0.0;
+    for (uint32_t m = 0; m < 8; ++m) {
+        s16 += static_cast<double>(SynthWindow[256 + m]) *
+               static_cast<double>(ring[(o + 32 + 64 * m) & kRingMask]);
+    }
+    sums.s16 = s16;
+}
+
+// Truncates four sums toward zero into four int32 lanes, with the same clipping argument as
+// Truncate in Synthesis.cpp: bring values above 32767 down first, let the 16-bit packing clip
+// the rest (anything beyond the 32-bit range truncates to INT32_MIN).
+AVX_CODE inline __m128i TruncateWide(__m256d s)
+{
+    return _mm256_cvttpd_epi32(_mm256_min_pd(s, _mm256_set1_pd(32767.0)));
+}
+
+AVX_CODE inline __m128i ReverseWords(__m128i v)
+{
+    v = _mm_shufflelo_epi16(v, _MM_SHUFFLE(0, 1, 2, 3));
+    v = _mm_shufflehi_epi16(v, _MM_SHUFFLE(0, 1, 2, 3));
+    return _mm_shuffle_epi32(v, _MM_SHUFFLE(1, 0, 3, 2));
+}
+
+AVX_CODE inline void Store16(uint8_t* p, int v)
+{
+    // Only x86 runs this code, and it stores 16-bit values little-endian like the PCM block.
+    const uint16_t sample = static_cast<uint16_t>(v);
+    std::memcpy(p, &sample, sizeof sample);
+}
+
+AVX_CODE inline void StoreEightStrided(__m128i v, uint8_t* p, size_t step)
+{
+    Store16(p, _mm_extract_epi16(v, 0));
+    Store16(p + step, _mm_extract_epi16(v, 1));
+    Store16(p + 2 * step, _mm_extract_epi16(v, 2));
+    Store16(p + 3 * step, _mm_extract_epi16(v, 3));
+    Store16(p + 4 * step, _mm_extract_epi16(v, 4));
+    Store16(p + 5 * step, _mm_extract_epi16(v, 5));
+    Store16(p + 6 * step, _mm_extract_epi16(v, 6));
+    Store16(p + 7 * step, _mm_extract_epi16(v, 7));
+}
+
+// The 32 samples of one slot in order 0..31, stride samples apart.
+AVX_CODE inline void StorePcmWide(const WideSums& sums, uint8_t* pcm, int32_t stride)
+{
+    const __m128i first = _mm_packs_epi32(TruncateWide(sums.fwd[0]), TruncateWide(sums.fwd[1]));
+    const __m128i second = _mm_packs_epi32(TruncateWide(sums.fwd[2]), TruncateWide(sums.fwd[3]));
+    // (32, 31, ..., 25) and (24, 23, ..., 17), turned around.
+    const __m128i top =
+        ReverseWords(_mm_packs_epi32(TruncateWide(sums.bwd[0]), TruncateWide(sums.bwd[1])));
+    const __m128i upper =
+        ReverseWords(_mm_packs_epi32(TruncateWide(sums.bwd[2]), TruncateWide(sums.bwd[3])));
+    const __m128i s16 = _mm_packs_epi32(
+        _mm_cvttpd_epi32(_mm_min_pd(_mm_set_sd(sums.s16), _mm_set1_pd(32767.0))),
+        _mm_setzero_si128());
+    // Shifting by one sample makes room for 16 and 24 in front and drops the missing 32.
+    const __m128i third = _mm_insert_epi16(_mm_slli_si128(upper, 2), _mm_extract_epi16(s16, 0), 0);
+    const __m128i fourth = _mm_insert_epi16(_mm_slli_si128(top, 2), _mm_extract_epi16(upper, 7), 0);
+    if (stride == 1) {
+        _mm_storeu_si128(reinterpret_cast<__m128i*>(pcm), first);
+        _mm_storeu_si128(reinterpret_cast<__m128i*>(pcm + 16), second);
+        _mm_storeu_si128(reinterpret_cast<__m128i*>(pcm + 32), third);
+        _mm_storeu_si128(reinterpret_cast<__m128i*>(pcm + 48), fourth);
+        return;
+    }
+    const size_t step = 2 * static_cast<size_t>(stride);
+    StoreEightStrided(first, pcm, step);
+    StoreEightStrided(second, pcm + 8 * step, step);
+    StoreEightStrided(third, pcm + 16 * step, step);
+    StoreEightStrided(fourth, pcm + 24 * step, step);
+}
+
+// Sums 32 - 4q .. 29 - 4q of a sum array as one register (lane 0 of q = 0 holds 0: there is no
+// sample 32). Each pair is loaded and turned around in registers: 64-bit Windows compilers do
+// not keep the 32-byte stack alignment an AVX register assembled in memory would need.
+AVX_CODE inline __m256d LoadBackward(const double sums[32], int q)
+{
+    const __m128d lo = q == 0 ? _mm_load_sd(sums + 31) : _mm_loadu_pd(sums + 31 - 4 * q);
+    const __m128d hi = _mm_loadu_pd(sums + 29 - 4 * q);
+    return _mm256_insertf128_pd(_mm256_castpd128_pd256(_mm_shuffle_pd(lo, lo, 1)),
+                                _mm_shuffle_pd(hi, hi, 1), 1);
+}
+
+}  // namespace
+
+AVX_CODE void SynthWindowToPcmAvx(const float ring[512], uint32_t offset, uint8_t* pcm,
+                                  int32_t stride)
+{
+    WideSums sums;
+    WindowWide(ring, offset, sums);
+    StorePcmWide(sums, pcm, stride);
+}
+
+AVX_CODE void SynthWindowSumsAvx(const float ring[512], uint32_t offset, double sums[32])
+{
+    WideSums w;
+    WindowWide(ring, offset, w);
+    for (int q = 0; q < 4; ++q) {
+        _mm256_storeu_pd(sums + 4 * q, w.fwd[q]);
+        double lanes[4];
+        _mm256_storeu_pd(lanes, w.bwd[q]);
+        for (int t = 0; t < 4; ++t) {
+            if (q != 0 || t != 0)
+                sums[32 - 4 * q - t] = lanes[t];
+        }
+    }
+    sums[16] = w.s16;
+}
+
+AVX_CODE void SynthSumsToPcmAvx(const double sums[32], uint8_t* pcm, int32_t stride)
+{
+    WideSums w;
+    w.fwd[0] = _mm256_loadu_pd(sums);
+    w.fwd[1] = _mm256_loadu_pd(sums + 4);
+    w.fwd[2] = _mm256_loadu_pd(sums + 8);
+    w.fwd[3] = _mm256_loadu_pd(sums + 12);
+    w.bwd[0] = LoadBackward(sums, 0);
+    w.bwd[1] = LoadBackward(sums, 1);
+    w.bwd[2] = LoadBackward(sums, 2);
+    w.bwd[3] = LoadBackward(sums, 3);
+    w.s16 = sums[16];
+    StorePcmWide(w, pcm, stride);
+}
