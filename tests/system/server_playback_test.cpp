@@ -196,18 +196,19 @@ TEST_F(ServerPlayback, ClientsAreIndependentAndStopClientNeedsNoNames) {
 TEST_F(ServerPlayback, PlaysFollowTheForegroundAndKeepTheirTiming) {
     std::vector<int16_t> noise = SeededNoise(41, 10 * kRate, 2);
     Wav("fg.wav", noise);
-    ASSERT_TRUE(Send(0, {"fg.wav"}));  // the desktop is in front, not our window
+    CProcess before, front;
+    ASSERT_TRUE(BringAnotherProcessToFront(before, "before"));
+    SleepMs(1200);  // the server's once-a-second check sees it
+    ASSERT_TRUE(Send(0, {"fg.wav"}));
     SleepMs(1500);
     ASSERT_EQ(Command({"front"}), "1");
     const size_t cameFront = Now();
     SleepMs(2500);
-    CProcess front;
-    ASSERT_TRUE(front.StartWindows(Exe("server_front"), {"60"}, m_dir, m_dir + "/front.out"));
-    std::string said;
-    ASSERT_TRUE(WaitUntil([&] { return ReadFile(m_dir + "/front.out", &said) && said.find("front") != std::string::npos; }, 15000));
+    ASSERT_TRUE(BringAnotherProcessToFront(front, "after"));
     const size_t wentBack = Now();
     SleepMs(2500);
     front.Kill();
+    before.Kill();
     ASSERT_EQ(Command({"front"}), "1");
     const size_t cameAgain = Now();
     SleepMs(6000);
@@ -241,9 +242,8 @@ TEST_F(ServerPlayback, IgnoringTheForegroundIsNeverSilenced) {
     std::vector<int16_t> noise = SeededNoise(51, 4 * kRate, 2);
     Wav("always.wav", noise);
     CProcess front;
-    ASSERT_TRUE(front.StartWindows(Exe("server_front"), {"60"}, m_dir, m_dir + "/front.out"));
-    std::string said;
-    ASSERT_TRUE(WaitUntil([&] { return ReadFile(m_dir + "/front.out", &said) && said.find("front") != std::string::npos; }, 15000));
+    ASSERT_TRUE(BringAnotherProcessToFront(front, "other"));
+    SleepMs(1200);  // the server's once-a-second check sees it
     ASSERT_TRUE(Send(kIgnoreForeground, {"always.wav"}));
     SleepMs(1500);
     ASSERT_EQ(Command({"front"}), "1");

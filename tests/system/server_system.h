@@ -198,6 +198,16 @@ protected:
         return name;
     }
 
+    // Starts another process and waits until its window is in front. A play requested while
+    // no window is in front is never silenced, so a test of the foreground must not rely on
+    // what happens to be in front: it puts a process of its own there.
+    bool BringAnotherProcessToFront(CProcess& front, const std::string& tag) {
+        const std::string out = m_dir + "/front-" + tag + ".out";
+        if (!front.StartWindows(Exe("server_front"), {"60"}, m_dir, out)) return false;
+        std::string said;
+        return WaitUntil([&] { return ReadFile(out, &said) && said.find("front") != std::string::npos; }, 15000);
+    }
+
     // Waits until the tone is heard in the recording after frame `from`.
     bool WaitForTone(CRecorder& recorder, double frequency, size_t from, int timeoutMs = 10000) {
         return WaitUntil([&] {
