@@ -1,5 +1,6 @@
 #include "player/mp3/MP3Stream.h"
 
+#include <cstddef>
 #include <cstring>
 #include <new>
 
@@ -74,7 +75,10 @@ int CMP3Stream::Pass(BatchSink sink, void* sinkContext, FrameObserver observer, 
         uint8_t* pos = block;
         for (int i = 0; i < kFramesPerBatch && frame != nullptr; ++i) {
             m_io.inData = frame;
-            m_io.inLength = static_cast<int32_t>(end - frame);
+            // A mapping may reach 4 GiB; the decoder's length is a signed 32-bit count, and
+            // no frame comes near its largest value.
+            const ptrdiff_t left = end - frame;
+            m_io.inLength = left > 0x7FFFFFFF ? 0x7FFFFFFF : static_cast<int32_t>(left);
             m_io.outData = pos;
             if (!m_decoder->DecodeFrame(&m_io)) {
                 m_refusedFrame = frame;
