@@ -179,20 +179,22 @@ TEST_F(ServerPlayback, ClientsAreIndependentAndStopClientNeedsNoNames) {
     const size_t end = Now();
     std::vector<int16_t> rec = StopRecording();
 
+    // A tone of amplitude 8000 that sounds measures near 8000, one that stopped below 300; the
+    // margin allows for a dropout of the sound server on a busy machine.
     const size_t settle = kRate / 2;
     // Before the stops both clients' b.wav sound together; their levels add with whatever
     // phase the two plays happen to have, so only the other tones are measured there.
-    EXPECT_GT(ToneLevel(rec, both - kRate / 2, both, 440), 6000);
-    EXPECT_GT(ToneLevel(rec, both - kRate / 2, both, 2500), 6000);
+    EXPECT_GT(ToneLevel(rec, both - kRate / 2, both, 440), 4000);
+    EXPECT_GT(ToneLevel(rec, both - kRate / 2, both, 2500), 4000);
     // The first client's plays ended; the other's b.wav and c.wav went on.
     EXPECT_LT(ToneLevel(rec, firstGone + settle, bGone, 440), 300);
     double b = ToneLevel(rec, firstGone + settle, bGone, 1000);
-    EXPECT_GT(b, 6000);
+    EXPECT_GT(b, 4000);
     EXPECT_LT(b, 10000);
-    EXPECT_GT(ToneLevel(rec, firstGone + settle, bGone, 2500), 6000);
+    EXPECT_GT(ToneLevel(rec, firstGone + settle, bGone, 2500), 4000);
     // A stop of b.wav by the other client ends its own b.wav only.
     EXPECT_LT(ToneLevel(rec, bGone + settle, end, 1000), 300);
-    EXPECT_GT(ToneLevel(rec, bGone + settle, end, 2500), 6000);
+    EXPECT_GT(ToneLevel(rec, bGone + settle, end, 2500), 4000);
     other.Quit();
 }
 
