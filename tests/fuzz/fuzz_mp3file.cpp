@@ -8,9 +8,6 @@
 // the stream, as the MP3 player walks them; both walks must visit the same frames, each a
 // valid header wholly inside the file, strictly forward.
 
-#include <sys/stat.h>
-#include <unistd.h>
-
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
@@ -18,59 +15,13 @@
 #include <vector>
 
 #include "player/mp3/MP3File.h"
-#include "player/pub/Log.h"
+#include "tests/fuzz/FuzzScratch.h"
 
 namespace {
 
-std::string g_folder;
-std::string g_input;
-
-void RemoveScratch()
-{
-    unlink(g_input.c_str());
-    rmdir(g_folder.c_str());
-}
-
-// Makes a scratch folder for the input file and sends the log to /dev/null: almost every input
-// is refused with a log line, and millions of them would fill the disk. The log stays open once
-// opened, so it is opened once from the scratch folder, through a link named like the log.
-bool Setup()
-{
-    struct stat info;
-    std::string pattern = (stat("/dev/shm", &info) == 0 && S_ISDIR(info.st_mode))
-                              ? "/dev/shm/fuzz_mp3file.XXXXXX"
-                              : "/tmp/fuzz_mp3file.XXXXXX";
-    std::vector<char> folder(pattern.begin(), pattern.end());
-    folder.push_back('\0');
-    if (mkdtemp(folder.data()) == nullptr) {
-        perror("mkdtemp");
-        abort();
-    }
-    g_folder = folder.data();
-    g_input = g_folder + "/input.mp3";
-
-    char previous[4096];
-    if (getcwd(previous, sizeof(previous)) == nullptr || chdir(g_folder.c_str()) != 0) {
-        perror("chdir");
-        abort();
-    }
-    const std::string link = g_folder + "/quorbel.log";
-    if (symlink("/dev/null", link.c_str()) != 0 || g_logFile.WriteToFile("") != 1 ||
-        chdir(previous) != 0) {
-        perror("log to /dev/null");
-        abort();
-    }
-    unlink(link.c_str());
-    atexit(RemoveScratch);
-    return true;
-}
-
 void Check(bool condition, const char* what)
 {
-    if (!condition) {
-        fprintf(stderr, "fuzz_mp3file: %s\n", what);
-        abort();
-    }
+    fuzz_scratch::Check("fuzz_mp3file", condition, what);
 }
 
 bool IsFrame(const CMP3File& file, uint64_t offset)
@@ -100,16 +51,11 @@ std::vector<uint64_t> Walk(const CMP3File& file)
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
-    static const bool ready = Setup();
-    (void)ready;
-
-    FILE* file = fopen(g_input.c_str(), "wb");
-    Check(file != nullptr, "cannot write the input file");
-    Check(size == 0 || fwrite(data, 1, size, file) == size, "cannot write the input file");
-    fclose(file);
+    static const std::string& input = fuzz_scratch::Setup("fuzz_mp3file", "input.mp3");
+    Check(fuzz_scratch::Write(input, data, size), "cannot write the input file");
 
     CMP3File opened;
-    const int openResult = opened.Open(g_input.c_str());
+    const int openResult = opened.Open(input.c_str());
     std::vector<uint64_t> mappedFrames;
     if (openResult) {
         mappedFrames = Walk(opened);
