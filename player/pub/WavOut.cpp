@@ -19,7 +19,8 @@ void DefaultFree(void* block) { std::free(block); }
 
 }  // namespace
 
-WavOutHooks CWavOut::hooks = {&DefaultCalloc, &DefaultFree, &waveOutPrepareHeader, nullptr};
+WavOutHooks CWavOut::hooks = {&DefaultCalloc, &DefaultFree, &waveOutPrepareHeader, nullptr,
+                              &waveOutWrite};
 
 CWavOut::CWavOut()
     : nChannels(0),
@@ -197,7 +198,7 @@ int CWavOut::Write(const void* data, int32_t length) {
             std::memcpy(header->lpData, next, static_cast<size_t>(n));
         }
         header->dwBufferLength = static_cast<DWORD>(n);
-        MMRESULT result = waveOutWrite(hWaveOut, header, sizeof(WAVEHDR));
+        MMRESULT result = hooks.pfnWrite(hWaveOut, header, sizeof(WAVEHDR));
         if (result != MMSYSERR_NOERROR) {
             // The device will never report this buffer done: free it again and stop handing
             // out buffers, or the ring would stall on it and a looping play would spin.

@@ -22,13 +22,15 @@ struct WavOutParams {
 };
 
 // The steps that tests replace to make an allocation or the preparation of a buffer fail, or the
-// done notification throw. They default to the real functions (pfnOnDone to null); change them
-// only while no CWavOut is open.
+// done notification throw, and that the latency benchmark replaces to time the first queued
+// buffer. They default to the real functions (pfnOnDone to null); change them only while no
+// CWavOut is open.
 struct WavOutHooks {
     void* (*pfnCalloc)(size_t count, size_t size);
     void (*pfnFree)(void* block);
     MMRESULT(WINAPI* pfnPrepareHeader)(HWAVEOUT hwo, LPWAVEHDR header, UINT size);
     void (*pfnOnDone)(WAVEHDR* header);
+    MMRESULT(WINAPI* pfnWrite)(HWAVEOUT hwo, LPWAVEHDR header, UINT size);
 };
 
 class CWavOut {
