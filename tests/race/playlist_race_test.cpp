@@ -384,7 +384,10 @@ public:
         else if (roll < 11) mode = Mode::kDiesMidway;
         else if (roll < 13) mode = Mode::kThrowsOpening;
         else if (roll < 16) mode = Mode::kThrowsPlaying;
-        return NewTrack(client, loop, mode);
+        Track& track = NewTrack(client, loop, mode);
+        // A device that is to die must die: a loop on it is never stopped otherwise.
+        if (mode == Mode::kDiesMidway) track.failAfter = Uniform(1, 6);
+        return track;
     }
 
     // Play on the main thread; 1 when the thread started.
