@@ -118,6 +118,8 @@ public:
             if (!m_process.Wait(5000)) m_process.Kill();
         }
     }
+    // SIGKILL, as when the client crashes: its windows go with it, nothing is said to the server.
+    bool Kill() { return m_process.Kill(); }
 
 private:
     CProcess m_process;
@@ -206,6 +208,19 @@ protected:
         if (!front.StartWindows(Exe("server_front"), {"60"}, m_dir, out)) return false;
         std::string said;
         return WaitUntil([&] { return ReadFile(out, &said) && said.find("front") != std::string::npos; }, 15000);
+    }
+
+    // Runs a Windows program in the test's directory to its end; its exit code, or -1 when it
+    // did not end in time (it is killed then).
+    int RunWindowsProgram(const std::string& exe, const std::vector<std::string>& args,
+                          const std::string& output = "", int timeoutMs = 30000) {
+        CProcess process;
+        if (!process.StartWindows(exe, args, m_dir, output)) return -1;
+        if (!process.Wait(timeoutMs)) {
+            process.Kill();
+            return -1;
+        }
+        return process.ExitCode();
     }
 
     // Waits until the tone is heard in the recording after frame `from`.
