@@ -9,7 +9,8 @@
 // own size, so that any read past it is reported. Missing header bytes count as 0.
 //
 // Each input is delivered to a fresh frame through its message map (WM_COPYDATA), then again
-// through OnCopyData, then handed to DispatchRequest with the block's end. Checked each time:
+// through OnCopyData, then handed to DispatchRequest with the block's end, then sent with
+// another client handle. Checked each time:
 //   - the registry calls are exactly those of an independent reading of the request format
 //     (client/QuorbelClient.h) made here;
 //   - and, without that reading: data too short for the client handle gives no call; a stop of
@@ -17,7 +18,8 @@
 //     flags choose, with the client of the first four bytes, the loop flag and the foreground
 //     (0 under REQ_IGNORE_FOREGROUND); at most count names act, each a NUL-ended string shorter
 //     than 260 bytes lying wholly inside cbData, in increasing block order;
-//   - the client is listed once, only when it is not 0, and the sweep timer is started once;
+//   - the client is listed once, only when it is not 0, a second client after it, and the sweep
+//     timer is started once;
 //   - the frame leaves no handle open once destroyed.
 
 #include <sanitizer/asan_interface.h>
@@ -235,6 +237,21 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
                                static_cast<int>(request.dwData & 0xFF),
                                static_cast<UINT>(request.dwData >> 16) & 0xFFFF);
         CheckCalls(frame->Calls(), expected, block, cbData, present, request.dwData, foregroundPid);
+    }
+    // 4. The request from another client: listed after the first, the sweep timer not again.
+    if (valid) {
+        frame->Calls().clear();
+        const LONG other = client ^ 0x40000000;
+        memcpy(block, &other, 4);
+        const std::vector<Call> expectedOther =
+            Expected(block, cbData, present, request.dwData, foregroundPid);
+        Check(frame->OnCopyData(nullptr, &cds) == TRUE, "OnCopyData did not return TRUE");
+        CheckCalls(frame->Calls(), expectedOther, block, cbData, present, request.dwData, foregroundPid);
+        const int clients = frame->Clients().GetCount();
+        Check(clients == (listed ? 2 : 1), "client list wrong after a second client");
+        Check(frame->Clients().GetAt(clients - 1) == other, "the second client not listed last");
+        windowCalls = win32_standin::TakeWindowCalls();
+        Check(windowCalls.size() == (listed ? 0u : 1u), "sweep timer calls wrong for a second client");
     }
     // A null request descriptor is no request.
     frame->Calls().clear();
