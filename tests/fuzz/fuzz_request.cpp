@@ -241,7 +241,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     // 4. The request from another client: listed after the first, the sweep timer not again.
     if (valid) {
         frame->Calls().clear();
-        const LONG other = client ^ 0x40000000;
+        const LONG other = client != 0x7FFF0000 ? 0x7FFF0000 : 0x7FFF0001;
         memcpy(block, &other, 4);
         const std::vector<Call> expectedOther =
             Expected(block, cbData, present, request.dwData, foregroundPid);
