@@ -354,7 +354,6 @@ int main(int argc, char** argv) {
         std::vector<int16_t> rec = recorder.Samples();
         const size_t window = kRate / 20;
         int held = 0;
-        bool missedBefore = false;
         for (const Step& step : steps) {
             int windows = 0, missing = 0;
             for (size_t at = step.from; at + window <= step.to && at + window <= rec.size() / 2; at += window) {
@@ -367,11 +366,10 @@ int main(int argc, char** argv) {
                 }
             }
             std::printf("  %2d plays: %d of %d windows miss a tone\n", step.count, missing, windows);
-            if (missing > 0 || windows == 0) missedBefore = true;
-            if (!missedBefore) held = step.count;
+            if (missing == 0 && windows > 0) held = step.count;
         }
-        std::printf("  held without an underrun: %d plays (the most of the counts above before the "
-                    "first that missed)\n", held);
+        std::printf("  held without an underrun: %d plays (the largest count above with no window "
+                    "missing a tone)\n", held);
     }
 
     tools.Client({"close"});
