@@ -61,6 +61,20 @@ inline double ToneLevel(const std::vector<int16_t>& recording, size_t from, size
     return 2 * std::sqrt(power > 0 ? power : 0) / static_cast<double>(to - from);
 }
 
+// The share of the 100 ms windows in frames [from, to) in which the tone is above level. The
+// session's sound server can drop out for a few hundred milliseconds on a loaded machine, which
+// pulls a whole window's level down; a stopped play has no loud window at all.
+inline double SoundingFraction(const std::vector<int16_t>& recording, size_t from, size_t to,
+                               double frequency, double level) {
+    const size_t window = kRate / 10;
+    size_t windows = 0, sounding = 0;
+    for (size_t at = from; at + window <= to; at += window) {
+        ++windows;
+        if (ToneLevel(recording, at, at + window, frequency) > level) ++sounding;
+    }
+    return windows == 0 ? 0.0 : static_cast<double>(sounding) / static_cast<double>(windows);
+}
+
 inline bool MakeDirectory(const std::string& path) { return ::mkdir(path.c_str(), 0755) == 0; }
 
 inline std::string U32(uint32_t v) { return std::string(reinterpret_cast<const char*>(&v), 4); }
