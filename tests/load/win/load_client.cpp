@@ -25,10 +25,7 @@
 //   play once of a short tone (WAV or MP3), sometimes never silenced;
 //   play of a missing file, a broken WAV or a broken MP3 of this client (two log entries each);
 //   a play of several names at once, loops excepted;
-//   loop of one of the loop tones, mostly never silenced; a client keeps at most one loop
-//   sounding (a loop drawn while one sounds stops that one by name instead), so that ten
-//   clients stay well below the plays Wine's sound path holds at once on a small machine
-//   (beyond about 40 it stalls for good, and the test would measure Wine, not the server);
+//   loop of one of the loop tones, mostly never silenced;
 //   stop of a loop tone by name, stop of every other file, stop of everything of this client;
 //   this client's window brought to the front.
 // Output, flushed line by line: "window 0x...", "progress N" every 25 requests, "tail", and at
@@ -175,29 +172,19 @@ private:
                 names.push_back(m_random.Below(3) == 0 ? OnceTone() : Refused(m_random.Below(kRefusedKinds)));
             }
             PlayRefused(names);
-        } else if (r < 56 && m_liveLoop >= 0) {
-            Send(REQ_STOP, {LoopTone(m_liveLoop)});
-            m_liveLoop = -1;
-            ++m_stops;
         } else if (r < 56) {
-            m_liveLoop = m_random.Below(kLoopTones);
             unsigned flags = REQ_LOOP | (m_random.Below(10) < 7 ? static_cast<unsigned>(REQ_IGNORE_FOREGROUND) : 0u);
-            Send(flags, {LoopTone(m_liveLoop)});
+            Send(flags, {LoopTone(m_random.Below(kLoopTones))});
             ++m_loops;
             return true;
         } else if (r < 74) {
-            int k = m_random.Below(kLoopTones);
-            Send(REQ_STOP, {LoopTone(k)});
-            if (k == m_liveLoop) m_liveLoop = -1;
+            Send(REQ_STOP, {LoopTone(m_random.Below(kLoopTones))});
             ++m_stops;
         } else if (r < 80) {
-            int k = m_random.Below(kLoopTones);
-            Send(REQ_STOP | REQ_STOP_OTHERS, {LoopTone(k)});
-            if (k != m_liveLoop) m_liveLoop = -1;
+            Send(REQ_STOP | REQ_STOP_OTHERS, {LoopTone(m_random.Below(kLoopTones))});
             ++m_stops;
         } else if (r < 86) {
             Send(REQ_STOP_CLIENT, {});
-            m_liveLoop = -1;
             ++m_stops;
         } else if (r < 92) {
             ShowWindow(m_hWnd, SW_SHOW);
@@ -234,7 +221,6 @@ private:
     bool m_doomed;
     int m_id;  // names of this client's refused files
     int m_sent = 0, m_taken = 0, m_loops = 0, m_stops = 0, m_fronts = 0;
-    int m_liveLoop = -1;  // the loop tone this client has sounding, -1 for none
     std::map<std::string, int> m_refused;
 };
 
