@@ -163,9 +163,15 @@ void CMainFrame::SweepClients() {
 void CMainFrame::OnClose() {
     KillTimer(m_hWnd, TIMER_CLIENT_SWEEP);
     KillTimer(m_hWnd, TIMER_FOREGROUND);
-    // Plays still running are stopped, all clients' (those of no window too), and their
-    // threads given time to end, so that no player is destroyed under a running thread and the
-    // process does not end with open sound devices.
-    m_players.Shutdown(CPlayerRegistry::kShutdownWaitMs);
+    // Plays still running are halted, all clients' (those of no window too), and their threads
+    // given what is left of the close's deadline to end, so that no player is destroyed under a
+    // running thread and the process does not end with open sound devices.
+    if (!m_players.Shutdown(CPlayerRegistry::kCloseDeadlineMs - kCloseEndReserveMs)) {
+        // A play thread is held by the sound path (its device stopped answering). A normal exit
+        // would run the sound driver's own shutdown, which can block on the same path, and a
+        // process that exits with open devices has crashed under Wine: end it here. The log
+        // has been written through, the line about the threads included.
+        TerminateProcess(GetCurrentProcess(), 0);
+    }
     CFrameWnd::OnClose();
 }

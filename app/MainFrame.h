@@ -14,6 +14,8 @@ public:
     static const UINT kSweepPeriodMs = 2000;
     static const UINT kForegroundPeriodMs = 1000;
     static const size_t kNameBuffer = MAX_PATH;
+    // Of the close's deadline, what is kept for logging and ending the process.
+    static const DWORD kCloseEndReserveMs = 200;
 
     CMainFrame();
     ~CMainFrame() override;

@@ -29,11 +29,11 @@ int CQuorbelApp::ForwardCommandLine(HWND hServer, int argc, char** argv) {
     // server, and they are heard whatever window is in front.
     CQuorbelClient::CRequestBlock block(0);
     for (int i = 0; i < argc; ++i) {
-        // The user named the file from this process's directory, not the server's.
+        // The user named the file from this process's directory, not the server's. A name whose
+        // full path does not fit is left out: sent as given, it would name another file, the
+        // one of that name in the server's directory. So is a name when the block cannot grow.
         char full[CQuorbelClient::kNameBuffer];
-        const char* name = CQuorbelClient::FullPathName(argv[i], full) ? full : argv[i];
-        // A name that does not fit (or a block that cannot grow) is left out.
-        block.AddName(name);
+        if (CQuorbelClient::FullPathName(argv[i], full)) block.AddName(full);
     }
     if (block.Count() == 0) return 0;
     return CQuorbelClient::SendBlock(hServer, block, REQ_IGNORE_FOREGROUND);

@@ -22,7 +22,7 @@ public:
 
     // Sends the arguments to the running server as a request of no client window that does
     // not follow the foreground, each name made absolute against this process's working
-    // directory. 1 when the server took it.
+    // directory; a name whose absolute form does not fit is left out. 1 when the server took it.
     static int ForwardCommandLine(HWND hServer, int argc, char** argv);
 
     HANDLE m_hSingleInstanceMutex;

@@ -31,7 +31,7 @@ CPlayerRegistry::CPlayerRegistry()
 
 CPlayerRegistry::~CPlayerRegistry() {
     // Never delete a player under its running play threads.
-    if (!m_bShutDown) Shutdown(kShutdownWaitMs);
+    if (!m_bShutDown) Shutdown(kCloseDeadlineMs);
     for (int slot = 0; slot < kSlotCount; ++slot) {
         delete Slot(slot);
         Slot(slot) = nullptr;

@@ -11,9 +11,10 @@ class CSoundFilePlayer;
 class CPlayerRegistry {
 public:
     enum { kWavSlot = 0, kMP3Slot = 1, kSlotCount = 2 };
-    // How long a close waits for the play threads: a stopped play drains its ring (about
-    // 0.2 s, later under load) and a play still opening needs its device first.
-    static const DWORD kShutdownWaitMs = 5000;
+    // A close ends the server's process within this from its start, whatever the sound path
+    // does: a stopped play drains its ring (about 0.2 s, later under load), but a device that
+    // stopped answering must not hold the process, nor the single-instance mutex with it.
+    static const DWORD kCloseDeadlineMs = 2000;
 
     // Makes the player of a slot; null when it cannot be made (or the type has no player).
     typedef CSoundFilePlayer* (*PlayerFactory)(int nSlot);
@@ -35,8 +36,9 @@ public:
     void SetForegroundProcess(DWORD dwPid);
 
     // Ends playback for good: no player is made any more, every play of every client is
-    // stopped, and the play threads get dwTimeoutMs to end. A player whose threads outlive the
-    // wait is left undestroyed (logged), since a thread may still use it. 1 when all ended.
+    // halted at once, and the play threads of all players get dwTimeoutMs together to end. A
+    // player whose threads outlive the wait is left undestroyed (logged), since a thread may
+    // still use it. 1 when all ended.
     int Shutdown(DWORD dwTimeoutMs);
 
     // Replaces how players are made (tests observe the registry through players of their own).

@@ -142,11 +142,14 @@ void CSoundFilePlayer::StopClient(LONG hClientWnd) {
 }
 
 void CSoundFilePlayer::StopAllForClose() {
-    {
-        CSectionLock lock(m_csPlaying);
-        m_bClosing = true;
+    CSectionLock lock(m_csPlaying);
+    m_bClosing = true;
+    // Every play of every client is halted at once and none is waited for here: the close
+    // waits for all the play threads together, against one deadline.
+    for (PlayRequest* request : m_playing) {
+        request->bLoop.store(0, std::memory_order_relaxed);
+        if (request->pWavOut != nullptr) request->pWavOut->Halt();
     }
-    StopSelected(kSelectAll, 0, nullptr);
 }
 
 void CSoundFilePlayer::StopSelected(StopSelect select, LONG hClientWnd, const char* pszFileName) {
@@ -170,9 +173,6 @@ void CSoundFilePlayer::StopSelected(StopSelect select, LONG hClientWnd, const ch
                     break;
                 case kSelectClient:
                     selected = request->hClientWnd == hClientWnd;
-                    break;
-                case kSelectAll:
-                    selected = true;
                     break;
             }
             if (!selected) continue;

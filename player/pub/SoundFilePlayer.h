@@ -44,8 +44,8 @@ public:
     void StopClient(LONG hClientWnd);
     void SetForegroundProcess(DWORD dwPid);
 
-    // Closing: refuses every later play and join, then stops every running play of every
-    // client. Main thread.
+    // Closing: refuses every later play and join, and halts every running play of every client
+    // without waiting for its sound. Main thread.
     void StopAllForClose();
     // 1 when no play thread of this player is alive any more, waiting at most dwTimeoutMs.
     int WaitForPlayThreads(DWORD dwTimeoutMs);
@@ -84,7 +84,7 @@ protected:
     };
 
 private:
-    enum StopSelect { kSelectFile, kSelectOtherFiles, kSelectClient, kSelectAll };
+    enum StopSelect { kSelectFile, kSelectOtherFiles, kSelectClient };
 
     void StopSelected(StopSelect select, LONG hClientWnd, const char* pszFileName);
     static DWORD WINAPI PlayThreadProc(LPVOID pParam);

@@ -2,6 +2,7 @@
 
 #include <cstdlib>
 #include <cstring>
+#include <new>
 
 #include "player/pub/Log.h"
 
@@ -17,7 +18,128 @@ const uint64_t kMaxWaitLimitMs = 10 * 60 * 1000;
 void* DefaultCalloc(size_t count, size_t size) { return std::calloc(count, size); }
 void DefaultFree(void* block) { std::free(block); }
 
+// The wave devices open in the process. A slot is taken just before waveOutOpen and freed once
+// waveOutClose has returned, so the count never passes the platform's limit. A device's
+// callback instance is its slot (plus one), not its CWavOut: a given-up device may outlive its
+// CWavOut, and its late notifications must then reach nobody.
+class CDeviceSlots {
+public:
+    CDeviceSlots() : m_nTaken(0) {
+        InitializeCriticalSection(&m_cs);
+        for (int32_t i = 0; i < CWavOut::kMaxOpenDevices; ++i) {
+            m_owners[i] = nullptr;
+            m_taken[i] = false;
+        }
+    }
+
+    // The slot taken for owner, or -1 when every slot is taken.
+    int32_t Take(CWavOut* owner) {
+        EnterCriticalSection(&m_cs);
+        int32_t slot = -1;
+        for (int32_t i = 0; i < CWavOut::kMaxOpenDevices && slot < 0; ++i) {
+            if (m_taken[i]) continue;
+            m_taken[i] = true;
+            m_owners[i] = owner;
+            ++m_nTaken;
+            slot = i;
+        }
+        LeaveCriticalSection(&m_cs);
+        return slot;
+    }
+    // No notification reaches the owner after this returns; the slot stays taken.
+    void Disown(int32_t slot) {
+        EnterCriticalSection(&m_cs);
+        m_owners[slot] = nullptr;
+        LeaveCriticalSection(&m_cs);
+    }
+    void Free(int32_t slot) {
+        EnterCriticalSection(&m_cs);
+        m_owners[slot] = nullptr;
+        m_taken[slot] = false;
+        --m_nTaken;
+        LeaveCriticalSection(&m_cs);
+    }
+    int32_t Taken() {
+        EnterCriticalSection(&m_cs);
+        int32_t taken = m_nTaken;
+        LeaveCriticalSection(&m_cs);
+        return taken;
+    }
+    // For the callback: the owner of a device's notifications, held until Leave so that it
+    // cannot be disowned meanwhile; null (still to be left) when there is none.
+    CWavOut* Enter(DWORD_PTR instance) {
+        EnterCriticalSection(&m_cs);
+        if (instance == 0 || instance > static_cast<DWORD_PTR>(CWavOut::kMaxOpenDevices)) {
+            return nullptr;
+        }
+        return m_owners[instance - 1];
+    }
+    void Leave() { LeaveCriticalSection(&m_cs); }
+
+private:
+    CRITICAL_SECTION m_cs;
+    CWavOut* m_owners[CWavOut::kMaxOpenDevices];
+    bool m_taken[CWavOut::kMaxOpenDevices];
+    int32_t m_nTaken;
+};
+
+// Never destroyed: play threads and the platform's callback thread may use it while the process
+// ends.
+CDeviceSlots& Slots() {
+    static CDeviceSlots* slots = new CDeviceSlots;
+    return *slots;
+}
+
+// Unprepares and frees the buffers of a device that has been reset, closes it and frees its
+// slot. A buffer whose unprepare fails may still be the device's: it and the header array are
+// left to it rather than freed under it.
+void ReleaseDevice(HWAVEOUT handle, WAVEHDR* headers, int32_t count, int32_t slot) {
+    if (headers != nullptr) {
+        bool keepHeaders = false;
+        for (int32_t i = 0; i < count; ++i) {
+            WAVEHDR* header = &headers[i];
+            if (header->lpData == nullptr) continue;
+            if ((header->dwFlags & WHDR_PREPARED) != 0) {
+                MMRESULT result = waveOutUnprepareHeader(handle, header, sizeof(WAVEHDR));
+                if (result != MMSYSERR_NOERROR) {
+                    g_logFile.Log("[%s:%d]waveOutUnprepareHeader() return(%d)", kUnitPath,
+                                  __LINE__, static_cast<int>(result));
+                    keepHeaders = true;
+                    continue;
+                }
+            }
+            CWavOut::hooks.pfnFree(header->lpData);
+            header->lpData = nullptr;
+        }
+        if (!keepHeaders) CWavOut::hooks.pfnFree(headers);
+    }
+    MMRESULT result = waveOutClose(handle);
+    if (result != MMSYSERR_NOERROR) {
+        g_logFile.Log("[%s:%d]waveOutClose() return(%d)", kUnitPath, __LINE__,
+                      static_cast<int>(result));
+    }
+    Slots().Free(slot);
+}
+
+void ResetDevice(HWAVEOUT handle) {
+    MMRESULT result = waveOutReset(handle);
+    if (result != MMSYSERR_NOERROR) {
+        g_logFile.Log("[%s:%d]waveOutReset() return(%d)", kUnitPath, __LINE__,
+                      static_cast<int>(result));
+    }
+}
+
+// What a given-up device's closing thread takes over from its CWavOut.
+struct GivenUpDevice {
+    HWAVEOUT handle;
+    WAVEHDR* headers;
+    int32_t count;
+    int32_t slot;
+};
+
 }  // namespace
+
+int32_t CWavOut::OpenDevices() { return Slots().Taken(); }
 
 WavOutHooks CWavOut::hooks = {&DefaultCalloc, &DefaultFree, &waveOutPrepareHeader, nullptr,
                               &waveOutWrite};
@@ -34,6 +156,8 @@ CWavOut::CWavOut()
       dwSleepMs(0),
       bSilent(0),
       dwWaitLimitMs(0),
+      nSlot(-1),
+      nGivenUp(0),
       nCallbackFaults(0) {
     InitializeCriticalSection(&csLock);
 }
@@ -90,10 +214,17 @@ int CWavOut::OpenDevice() {
     uint64_t limitMs = 3 * ringMs + 1000;
     dwWaitLimitMs = static_cast<uint32_t>(limitMs < kMaxWaitLimitMs ? limitMs : kMaxWaitLimitMs);
 
+    // Counted from before the open: a device the platform is still opening counts too.
+    nSlot = Slots().Take(this);
+    if (nSlot < 0) {
+        g_logFile.Log("[%s:%d]too many devices open(%d)", kUnitPath, __LINE__,
+                      static_cast<int>(kMaxOpenDevices));
+        return 0;
+    }
     HWAVEOUT handle = nullptr;
-    MMRESULT result =
-        waveOutOpen(&handle, WAVE_MAPPER, &format, reinterpret_cast<DWORD_PTR>(&WaveOutProc),
-                    reinterpret_cast<DWORD_PTR>(this), CALLBACK_FUNCTION);
+    MMRESULT result = waveOutOpen(&handle, WAVE_MAPPER, &format,
+                                  reinterpret_cast<DWORD_PTR>(&WaveOutProc),
+                                  static_cast<DWORD_PTR>(nSlot) + 1, CALLBACK_FUNCTION);
     if (result != MMSYSERR_NOERROR) {
         g_logFile.Log("[%s:%d]waveOutOpen() return(%d)", kUnitPath, __LINE__,
                       static_cast<int>(result));
@@ -165,10 +296,7 @@ WAVEHDR* CWavOut::GetFreeBuffer() {
             waiting = true;
             waitStart = now;
         } else if (now - waitStart >= dwWaitLimitMs) {
-            EnterCriticalSection(&csLock);
-            nNextBuffer = -1;
-            LeaveCriticalSection(&csLock);
-            g_logFile.Log("[%s:%d]wait for a free buffer timed out", kUnitPath, __LINE__);
+            GiveUp(__LINE__, "wait for a free buffer timed out");
             return nullptr;
         }
         Sleep(dwSleepMs);
@@ -235,84 +363,105 @@ int CWavOut::AnyQueued() {
 int CWavOut::WaitUntilNoneQueued(uint32_t limitMs) {
     ULONGLONG start = GetTickCount64();
     while (AnyQueued()) {
-        if (GetTickCount64() - start >= limitMs) return 0;
+        // Another thread's wait may have given the device up meanwhile.
+        if (GetTickCount64() - start >= limitMs || nGivenUp.load() != 0) return 0;
         Sleep(kWaitStepMs);
     }
     return 1;
 }
 
+void CWavOut::GiveUp(int line, const char* what) {
+    EnterCriticalSection(&csLock);
+    nNextBuffer = -1;
+    LeaveCriticalSection(&csLock);
+    if (nGivenUp.exchange(1) == 0) g_logFile.Log("[%s:%d]%s", kUnitPath, line, what);
+}
+
 int CWavOut::WaitForBuffers() {
     ReportCallbackFaults();
-    if (!WaitUntilNoneQueued(dwWaitLimitMs)) {
-        g_logFile.Log("[%s:%d]wait for buffers timed out", kUnitPath, __LINE__);
-    }
+    if (!WaitUntilNoneQueued(dwWaitLimitMs)) GiveUp(__LINE__, "wait for buffers timed out");
     ReportCallbackFaults();
+    return 1;
+}
+
+int CWavOut::Halt() {
+    if (hWaveOut == nullptr) return 1;
+    EnterCriticalSection(&csLock);
+    nNextBuffer = -1;
+    LeaveCriticalSection(&csLock);
     return 1;
 }
 
 int CWavOut::Stop() {
     if (hWaveOut == nullptr) return 1;
-    EnterCriticalSection(&csLock);
-    nNextBuffer = -1;
-    LeaveCriticalSection(&csLock);
+    Halt();
     // No reset: what is queued plays to its end before Stop returns.
     return WaitForBuffers();
 }
 
 void CWavOut::Close() {
-    if (hWaveOut != nullptr) {
-        MMRESULT result = waveOutReset(hWaveOut);
-        if (result != MMSYSERR_NOERROR) {
-            g_logFile.Log("[%s:%d]waveOutReset() return(%d)", kUnitPath, __LINE__,
-                          static_cast<int>(result));
-        }
+    if (hWaveOut != nullptr && nGivenUp.load() != 0) {
+        CloseGivenUp();
+    } else if (hWaveOut != nullptr) {
+        ResetDevice(hWaveOut);
         // Windows may report the buffers of a reset done on its own thread after the call has
         // returned; they must not be unprepared or freed before that.
-        if (!WaitUntilNoneQueued(dwWaitLimitMs)) {
-            g_logFile.Log("[%s:%d]wait for buffers timed out", kUnitPath, __LINE__);
-        }
-    }
-    if (pHeaders != nullptr) {
-        bool keepHeaders = false;
-        for (int32_t i = 0; i < nBufferCount; ++i) {
-            WAVEHDR* header = &pHeaders[i];
-            if (header->lpData == nullptr) continue;
-            if (hWaveOut != nullptr && (header->dwFlags & WHDR_PREPARED) != 0) {
-                MMRESULT result = waveOutUnprepareHeader(hWaveOut, header, sizeof(WAVEHDR));
-                if (result != MMSYSERR_NOERROR) {
-                    // The device may still use this block and its header: both are left
-                    // to it rather than freed under it.
-                    g_logFile.Log("[%s:%d]waveOutUnprepareHeader() return(%d)", kUnitPath,
-                                  __LINE__, static_cast<int>(result));
-                    keepHeaders = true;
-                    continue;
-                }
-            }
-            hooks.pfnFree(header->lpData);
-            header->lpData = nullptr;
-        }
-        if (!keepHeaders) hooks.pfnFree(pHeaders);
+        if (!WaitUntilNoneQueued(dwWaitLimitMs)) GiveUp(__LINE__, "wait for buffers timed out");
+        ReleaseDevice(hWaveOut, pHeaders, nBufferCount, nSlot);
+        hWaveOut = nullptr;
         pHeaders = nullptr;
+        nSlot = -1;
     }
+    // An open that failed before the device, or at it.
+    if (pHeaders != nullptr) hooks.pfnFree(pHeaders);
+    pHeaders = nullptr;
+    if (nSlot >= 0) Slots().Free(nSlot);
+    nSlot = -1;
     EnterCriticalSection(&csLock);
     nNextBuffer = -1;
     LeaveCriticalSection(&csLock);
     dwSleepMs = 0;
-    if (hWaveOut != nullptr) {
-        MMRESULT result = waveOutClose(hWaveOut);
-        if (result != MMSYSERR_NOERROR) {
-            g_logFile.Log("[%s:%d]waveOutClose() return(%d)", kUnitPath, __LINE__,
-                          static_cast<int>(result));
-        }
-        hWaveOut = nullptr;
-    }
     nChannels = 0;
     nSamplesPerSec = 0;
     nBitsPerSample = 0;
     nBufferCount = 0;
     nBufferSize = 0;
     dwWaitLimitMs = 0;
+    nGivenUp.store(0);
     ReportCallbackFaults();
+}
+
+// A device whose buffers stopped coming back may block every call made on it (seen under Wine
+// when its sound path stalls or the sound server is frozen). It is closed on a thread of its
+// own, which owns it from here on; the owner waits for that a bounded time and goes on either
+// way, so a play thread always ends and releases its file and record.
+void CWavOut::CloseGivenUp() {
+    Slots().Disown(nSlot);  // its late notifications must not reach this object any more
+    GivenUpDevice* device = new (std::nothrow) GivenUpDevice{hWaveOut, pHeaders, nBufferCount, nSlot};
+    HANDLE closer =
+        device != nullptr ? CreateThread(nullptr, 0, &CloserProc, device, 0, nullptr) : nullptr;
+    DWORD waited = WAIT_FAILED;
+    if (closer != nullptr) {
+        waited = WaitForSingleObject(closer, kGivenUpCloseMs);
+        CloseHandle(closer);
+    } else {
+        delete device;  // not closed at all: the device and its slot stay taken
+    }
+    if (waited != WAIT_OBJECT_0) {
+        g_logFile.Log("[%s:%d]device left open: close did not return within %u ms", kUnitPath,
+                      __LINE__, static_cast<unsigned>(kGivenUpCloseMs));
+    }
+    hWaveOut = nullptr;
+    pHeaders = nullptr;
+    nSlot = -1;
+}
+
+DWORD WINAPI CWavOut::CloserProc(LPVOID param) {
+    GivenUpDevice* device = static_cast<GivenUpDevice*>(param);
+    ResetDevice(device->handle);
+    ReleaseDevice(device->handle, device->headers, device->count, device->slot);
+    delete device;
+    return 0;
 }
 
 void CWavOut::ReportCallbackFaults() {
@@ -337,11 +486,13 @@ void CWavOut::OnWaveOutDone(WAVEHDR* header) {
 void CALLBACK CWavOut::WaveOutProc(HWAVEOUT hwo, UINT msg, DWORD_PTR instance, DWORD_PTR param1,
                                    DWORD_PTR param2) {
     if (msg != WOM_DONE) return;
-    CWavOut* self = reinterpret_cast<CWavOut*>(instance);
-    if (self == nullptr) return;
-    try {
-        self->OnWaveOutDone(reinterpret_cast<WAVEHDR*>(param1));
-    } catch (...) {
-        self->nCallbackFaults.fetch_add(1, std::memory_order_relaxed);
+    CWavOut* self = Slots().Enter(instance);
+    if (self != nullptr) {
+        try {
+            self->OnWaveOutDone(reinterpret_cast<WAVEHDR*>(param1));
+        } catch (...) {
+            self->nCallbackFaults.fetch_add(1, std::memory_order_relaxed);
+        }
     }
+    Slots().Leave();
 }

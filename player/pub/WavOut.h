@@ -3,8 +3,10 @@
 // Windows only.
 //
 // The owner (a play thread) does Open, Write..., WaitForBuffers, Close. From other threads only
-// Stop and the bSilent flag are used. Every wait is bounded, so a sound path that stops
-// reporting finished buffers cannot freeze the owner or the thread that stops it.
+// Halt, Stop and the bSilent flag are used. Every wait is bounded, so a sound path that stops
+// reporting finished buffers cannot freeze the owner or the thread that stops it: a device whose
+// buffers do not come back within WaitLimitMs is given up, and closing it may not block its
+// owner either.
 
 #include <windows.h>
 #include <mmsystem.h>
@@ -50,17 +52,37 @@ public:
     int Write(const void* data, int32_t length);
     // Waits until no buffer is queued any more; gives up (logged) after WaitLimitMs; always 1.
     int WaitForBuffers();
+    // From another thread: hands out no further buffer, and returns at once.
+    int Halt();
     // From another thread: hands out no further buffer, then waits for the queued sound.
     int Stop();
+    // Resets, unprepares and closes the device. A given-up device is closed on a thread of its
+    // own; when that has not returned within kGivenUpCloseMs its handle and buffers are left to
+    // it (logged), so that the owner can go on.
     void Close();
 
-    // How long a wait for the device may last: three times the ring's playing time plus a
-    // second. 0 while closed.
+    // How long a wait for the device may last before it is given up: three times the ring's
+    // playing time plus a second, so always longer than a whole ring at the slowest format
+    // (4.1 s at 8 kHz 8-bit mono). 0 while closed.
     uint32_t WaitLimitMs() const { return dwWaitLimitMs; }
+    // Non-zero once a wait for this device's buffers has timed out.
+    int GivenUp() const { return nGivenUp.load(); }
+
+    // The wave devices open in the process now, counted from just before waveOutOpen until
+    // waveOutClose has returned (given-up devices still closing or left open included).
+    static int32_t OpenDevices();
 
     // Above this rate Wine's sound path aborts the whole process instead of refusing the format;
     // no real device plays such a rate.
     static constexpr int32_t kMaxSamplesPerSec = 384000;
+    // How many wave devices the process may hold open at once. Wine's winmm serves every device
+    // of a process from one thread that waits on one event per device slot with
+    // MsgWaitForMultipleObjects, which takes at most 63 handles, and it never lets a slot's
+    // event go: at the 64th device open at once, done notifications stop for every device of
+    // the process, for good. An open beyond this is refused instead.
+    static constexpr int32_t kMaxOpenDevices = 63;
+    // How long Close waits for a given-up device to close before leaving it open.
+    static constexpr uint32_t kGivenUpCloseMs = 1000;
     // Bit 31 of a header's dwUser: the buffer is queued on the device.
     static constexpr DWORD_PTR kQueuedMark = 0x80000000;
 
@@ -86,12 +108,20 @@ private:
     WAVEHDR* GetFreeBuffer();
     int AnyQueued();
     int WaitUntilNoneQueued(uint32_t limitMs);
+    // Marks the device given up and logs the message of the wait that timed out, once.
+    void GiveUp(int line, const char* what);
+    void CloseGivenUp();
     void ReportCallbackFaults();
     void OnWaveOutDone(WAVEHDR* header);
     static void CALLBACK WaveOutProc(HWAVEOUT hwo, UINT msg, DWORD_PTR instance, DWORD_PTR param1,
                                      DWORD_PTR param2);
+    static DWORD WINAPI CloserProc(LPVOID param);
 
     uint32_t dwWaitLimitMs;
+    // The device's place among the process's open devices (-1 none); the device's callbacks
+    // find this object through it, and only while it is this object's.
+    int32_t nSlot;
+    std::atomic<int> nGivenUp;
     // Exceptions caught in the device callback, which may not log; the owner's next call logs
     // them.
     std::atomic<uint32_t> nCallbackFaults;

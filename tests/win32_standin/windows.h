@@ -125,6 +125,9 @@ BOOL ReleaseMutex(HANDLE mutex);
 void Sleep(DWORD milliseconds);
 DWORD GetTickCount();
 
+HANDLE GetCurrentProcess();
+BOOL TerminateProcess(HANDLE process, UINT exitCode);
+
 DWORD GetWindowThreadProcessId(HWND window, LPDWORD processId);
 BOOL IsWindow(HWND window);
 HWND GetForegroundWindow();

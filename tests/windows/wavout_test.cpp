@@ -524,11 +524,13 @@ TEST(WavOutFaults, RefusedQueueFreesTheBufferAndStopsTheDevice) {
     EXPECT_EQ(log.Count("waveOutUnprepareHeader\\(\\) return\\([0-9]+\\)"), 0);
 }
 
-TEST_F(WavOutHooked, LostDoneNotificationsEndEveryWaitAndAreLoggedByTheOwner) {
+TEST_F(WavOutHooked, LostDoneNotificationsGiveTheDeviceUpOnceAndItIsClosedAllTheSame) {
     CWavOut::hooks.pfnOnDone = &ThrowingDone;
+    const int32_t openBefore = CWavOut::OpenDevices();
     CWavOut out;
     WavOutParams params = Params(2, 44100, 16);
     ASSERT_EQ(out.Open(params), 1);
+    EXPECT_EQ(CWavOut::OpenDevices(), openBefore + 1);
     EXPECT_GE(out.WaitLimitMs(), 1000u);
     LogWatch log;
 
@@ -539,16 +541,62 @@ TEST_F(WavOutHooked, LostDoneNotificationsEndEveryWaitAndAreLoggedByTheOwner) {
     EXPECT_EQ(log.Count("exception occurs"), 1);
     EXPECT_EQ(out.nNextBuffer, -1);
     EXPECT_EQ(QueuedCount(out), 8);
+    EXPECT_NE(out.GivenUp(), 0);
 
+    // Given up: the owner's drain and a stop from another thread return at once, and neither
+    // logs again.
+    ULONGLONG start = GetTickCount64();
     out.WaitForBuffers();
-    EXPECT_EQ(log.Count("wait for buffers timed out"), 1);
+    EXPECT_EQ(out.Stop(), 1);
+    EXPECT_LT(GetTickCount64() - start, 500u);
+    EXPECT_EQ(log.Count("wait for buffers timed out"), 0);
 
-    // With notifications back, the reset of Close returns every buffer.
-    CWavOut::hooks.pfnOnDone = nullptr;
+    // Closed on a thread of its own: here the device answers, so nothing is left open.
     out.Close();
     ExpectClosed(out);
+    EXPECT_EQ(out.GivenUp(), 0);
+    EXPECT_EQ(CWavOut::OpenDevices(), openBefore);
+    EXPECT_EQ(log.Count("device left open: close did not return within 1000 ms"), 0);
     EXPECT_EQ(log.Count("waveOutUnprepareHeader\\(\\) return\\([0-9]+\\)"), 0);
     EXPECT_EQ(log.Count("exception occurs"), 1);
+    CWavOut::hooks.pfnOnDone = nullptr;
+    ExpectReusable(out);
+}
+
+// The process never holds more devices than the platform serves: one more open is refused
+// before the device is asked, and a device closed frees its place.
+TEST(WavOutLimit, OpenBeyondTheDeviceLimitIsRefusedUntilOneCloses) {
+    const int32_t openBefore = CWavOut::OpenDevices();
+    ASSERT_EQ(openBefore, 0);
+    std::vector<CWavOut> outs(CWavOut::kMaxOpenDevices);
+    for (CWavOut& out : outs) {
+        WavOutParams params = Params(2, 44100, 16);
+        ASSERT_EQ(out.Open(params), 1);
+    }
+    EXPECT_EQ(CWavOut::OpenDevices(), CWavOut::kMaxOpenDevices);
+
+    LogWatch log;
+    CWavOut extra;
+    WavOutParams params = Params(1, 22050, 16);
+    EXPECT_EQ(extra.Open(params), 0);
+    ExpectClosed(extra);
+    EXPECT_EQ(log.Count("too many devices open\\(63\\)"), 1) << log.Text();
+    EXPECT_EQ(CWavOut::OpenDevices(), CWavOut::kMaxOpenDevices);
+
+    outs[10].Close();
+    EXPECT_EQ(CWavOut::OpenDevices(), CWavOut::kMaxOpenDevices - 1);
+    params = Params(1, 22050, 16);
+    EXPECT_EQ(extra.Open(params), 1);
+    // Every device of the process still plays: a ring's worth on the last one comes back.
+    std::vector<char> data = Pattern(8 * 4096);
+    EXPECT_EQ(extra.Write(data.data(), static_cast<int32_t>(data.size())), 1);
+    extra.WaitForBuffers();
+    EXPECT_EQ(QueuedCount(extra), 0);
+    EXPECT_EQ(extra.GivenUp(), 0);
+
+    extra.Close();
+    for (CWavOut& out : outs) out.Close();
+    EXPECT_EQ(CWavOut::OpenDevices(), 0);
 }
 
 }  // namespace

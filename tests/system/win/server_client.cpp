@@ -84,7 +84,8 @@ std::string Send(LONG client, const std::vector<std::string>& lines, size_t firs
     for (size_t i = first + 1; i < lines.size(); ++i) {
         if (!block.AddName(lines[i].c_str())) return "0";
     }
-    return CQuorbelClient::SendBlock(CQuorbelClient::FindServer(), block, flags) ? "1" : "0";
+    // Long enough for a stop of many plays, which drain one after another.
+    return CQuorbelClient::SendBlock(CQuorbelClient::FindServer(), block, flags, 120000) ? "1" : "0";
 }
 
 std::string Carry(const std::vector<std::string>& lines) {

@@ -11,7 +11,7 @@
 
 class CPlayerRegistry {
 public:
-    static const DWORD kShutdownWaitMs = 5000;
+    static const DWORD kCloseDeadlineMs = 2000;
 
     struct Call {
         enum Kind { kPlay, kStopFile, kStopOtherFiles, kStopClient, kForeground, kShutdown };

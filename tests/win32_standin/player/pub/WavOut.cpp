@@ -123,16 +123,20 @@ int CWavOut::WaitForBuffers() {
     return 1;
 }
 
-int CWavOut::Stop() {
+int CWavOut::Halt() {
     // Read without the output's lock, as the real output reads its device handle: only the
     // play list keeps the output open while a stop runs, and a sanitizer sees if it does not.
     if (m_magic != kOpenMagic) return 1;
     if (pfnOnStop != nullptr) pfnOnStop(this);
     nStops.fetch_add(1, std::memory_order_relaxed);
-    {
-        std::lock_guard<std::mutex> hold(m_lock);
-        m_next = -1;
-    }
+    std::lock_guard<std::mutex> hold(m_lock);
+    m_next = -1;
+    return 1;
+}
+
+int CWavOut::Stop() {
+    if (m_magic != kOpenMagic) return 1;
+    Halt();
     // No reset: what is queued plays to its end before Stop returns.
     return WaitForBuffers();
 }

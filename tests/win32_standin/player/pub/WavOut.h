@@ -39,6 +39,8 @@ public:
     int Write(const void* data, int32_t length);
     // Waits until nothing is queued; gives up after WaitLimitMs; always 1.
     int WaitForBuffers();
+    // From another thread: no further buffer; returns at once. Counts as a stop.
+    int Halt();
     // From another thread: no further buffer, then the queued sound plays out; always 1.
     int Stop();
     void Close();
@@ -46,8 +48,8 @@ public:
     // Three times the ring's playing time plus a second, as the real output; 0 while closed.
     uint32_t WaitLimitMs() const { return m_waitLimitMs; }
 
-    // Called by Stop on the stopping thread while the output is open, before it stops. Set it
-    // only while no output is open.
+    // Called by Halt and Stop on the stopping thread while the output is open, before it
+    // stops. Set it only while no output is open.
     static void (*pfnOnStop)(CWavOut* out);
 
     std::atomic<int32_t> bSilent;
