@@ -456,6 +456,7 @@ void ServerLoad::CheckLog() {
     // What the sound path logs when Wine's audio cannot keep up: counted, not failed.
     const std::vector<std::pair<std::string, std::regex>> soundPath = {
         {"waveOutOpen() failed", std::regex(R"(\[player/pub/WavOut:\d+\]waveOutOpen\(\) return\(\d+\))")},
+        {"too many devices open", std::regex(R"(\[player/pub/WavOut:\d+\]too many devices open\(63\))")},
         {"device init failed", std::regex(R"(\[player/(wav/WavFilePlayer|mp3/MP3FilePlayer):\d+\]file\()" + played +
                                           R"(\),(waveout|wav) init failed)")},
         {"wait for buffers timed out", std::regex(R"(\[player/pub/WavOut:\d+\]wait for buffers timed out)")},

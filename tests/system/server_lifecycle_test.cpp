@@ -1,6 +1,8 @@
 // The server's life: one instance per desktop with forwarding, the end by the sweep or by
 // WM_CLOSE, refused files and hostile requests that it survives, and quorbel-play.
 
+#include <algorithm>
+
 #include "tests/system/server_system.h"
 
 namespace {
@@ -63,6 +65,39 @@ TEST_F(ServerLifecycle, SecondStartLeavesOneServerAndForwardsItsArguments) {
     SleepMs(2500);
     EXPECT_TRUE(m_server.Running());
     EXPECT_EQ(ServerLogText(m_dir), "");
+}
+
+// A forwarded name whose full path does not fit a request's 260 bytes is left out: sent as
+// given, it would name the file of that name in the server's directory.
+TEST_F(ServerLifecycle, ForwardedNameWhoseFullPathDoesNotFitIsLeftOut) {
+    ASSERT_TRUE(StartServer());
+    // A working directory of about 200 bytes as Windows sees it (Z: and the host path).
+    std::string far = m_dir;
+    while (far.size() + 2 < 200) {
+        far += "/" + std::string(std::min<size_t>(40, 200 - far.size() - 3), 'd');
+        ASSERT_TRUE(MakeDirectory(far)) << far;
+    }
+    const std::string name = "forwarded-name-long-enough-to-carry-the-full-path-past-the-limit.wav";
+    ASSERT_GE(2 + far.size() + 1 + name.size(), 260u);
+    ASSERT_LT(name.size(), 260u);
+    // The file the user meant, and another of the same name where the server would look.
+    EXPECT_TRUE(WriteWav(far + "/" + name, {2, kRate, 16}, ToBytes(SeededNoise(63, kRate, 2))));
+    EXPECT_TRUE(WriteWav(m_dir + "/" + name, {2, kRate, 16}, ToBytes(SeededNoise(64, kRate, 2))));
+
+    CRecorder recorder;
+    ASSERT_TRUE(recorder.Start(m_dir + "/recording.raw")) << recorder.Problem();
+    CProcess second;
+    ASSERT_TRUE(second.StartWindows(Exe("quorbel"), {name}, far));
+    ASSERT_TRUE(second.Wait(30000));
+    EXPECT_EQ(second.ExitCode(), 0);
+    SleepMs(2000);
+    recorder.Stop();
+    std::vector<int16_t> rec = recorder.Samples();
+    size_t first = 0, last = 0;
+    NonSilentRange(rec, 0, rec.size(), 0, &first, &last);
+    EXPECT_EQ(first, last) << "something was played";
+    EXPECT_EQ(ServerLogText(m_dir), "");
+    EXPECT_TRUE(m_server.Running());
 }
 
 TEST_F(ServerLifecycle, DestroyedClientWindowEndsItsPlaysAndTheLastOneTheServer) {
