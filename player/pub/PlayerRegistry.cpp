@@ -27,7 +27,7 @@ CSoundFilePlayer* NewBuiltInPlayer(int nSlot) {
 }  // namespace
 
 CPlayerRegistry::CPlayerRegistry()
-    : m_pWavPlayer(nullptr), m_pMP3Player(nullptr), m_pfnFactory(nullptr), m_bShutDown(false) {}
+    : m_pWavPlayer(nullptr), m_pMP3Player(nullptr), m_bShutDown(false) {}
 
 CPlayerRegistry::~CPlayerRegistry() {
     // Never delete a player under its running play threads.
@@ -60,7 +60,7 @@ BOOL CPlayerRegistry::HasExtension(const char* pszFileName, const char* pszExt) 
 CSoundFilePlayer* CPlayerRegistry::MakePlayer(int nSlot) {
     CSoundFilePlayer*& slot = Slot(nSlot);
     if (slot == nullptr && !m_bShutDown) {
-        slot = m_pfnFactory != nullptr ? m_pfnFactory(nSlot) : NewBuiltInPlayer(nSlot);
+        slot = NewBuiltInPlayer(nSlot);
     }
     return slot;
 }

@@ -16,9 +16,6 @@ public:
     // stopped answering must not hold the process, nor the single-instance mutex with it.
     static const DWORD kCloseDeadlineMs = 2000;
 
-    // Makes the player of a slot; null when it cannot be made (or the type has no player).
-    typedef CSoundFilePlayer* (*PlayerFactory)(int nSlot);
-
     CPlayerRegistry();
     // Shuts down first when that has not been done.
     ~CPlayerRegistry();
@@ -41,10 +38,6 @@ public:
     // still use it. 1 when all ended.
     int Shutdown(DWORD dwTimeoutMs);
 
-    // Replaces how players are made (tests observe the registry through players of their own).
-    // Set it before the first request; null restores the built-in players.
-    void SetPlayerFactory(PlayerFactory pfnFactory) { m_pfnFactory = pfnFactory; }
-
     // The player of a slot, or null while it is not made.
     CSoundFilePlayer* PlayerAt(int nSlot) const;
 
@@ -55,6 +48,5 @@ private:
     CSoundFilePlayer*& Slot(int nSlot);
     CSoundFilePlayer* MakePlayer(int nSlot);
 
-    PlayerFactory m_pfnFactory;
     bool m_bShutDown;
 };

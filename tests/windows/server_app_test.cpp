@@ -11,11 +11,29 @@
 #include "app/framework/FrameWnd.h"
 #include "app/framework/WinApp.h"
 #include "client/QuorbelClient.h"
-#include "tests/windows/server_support.h"
-
-using namespace server_test;
-
 namespace {
+
+// A hidden top-level window of this process, destroyed with the object.
+class TestWindow {
+public:
+    TestWindow() {
+        WNDCLASSA wc = {};
+        wc.lpfnWndProc = DefWindowProcA;
+        wc.hInstance = GetModuleHandleA(nullptr);
+        wc.lpszClassName = "ServerTestWindow";
+        RegisterClassA(&wc);
+        m_hWnd = CreateWindowExA(0, wc.lpszClassName, "server test window", WS_OVERLAPPED, 0, 0,
+                                 0, 0, nullptr, nullptr, wc.hInstance, nullptr);
+    }
+    ~TestWindow() { DestroyWindow(m_hWnd); }
+    HWND Handle() const { return m_hWnd; }
+    LONG Handle32() const { return HandleToLong(m_hWnd); }
+    TestWindow(const TestWindow&) = delete;
+    TestWindow& operator=(const TestWindow&) = delete;
+
+private:
+    HWND m_hWnd;
+};
 
 // A window that keeps a copy of every WM_COPYDATA it receives.
 class CopyDataSink {
