@@ -6,7 +6,6 @@
 #include <fstream>
 #include <iterator>
 #include <cstring>
-#include <limits>
 #include <memory>
 #include <random>
 
@@ -175,8 +174,6 @@ DiffStats CompareNegated(const int16_t* ours, const int16_t* reference, size_t c
         sum += static_cast<double>(d) * d;
     }
     stats.rms = count > 0 ? std::sqrt(sum / static_cast<double>(count)) : 0.0;
-    stats.psnr = stats.rms > 0 ? 20.0 * std::log10(32768.0 / stats.rms)
-                               : std::numeric_limits<double>::infinity();
     return stats;
 }
 

@@ -43,7 +43,6 @@ struct DiffStats {
     size_t count = 0;
     int maxAbs = 0;
     double rms = 0;
-    double psnr = 0;   // 20 log10(32768 / rms); infinite when identical
     size_t overOne = 0;  // samples that differ by more than 1
     size_t firstOverOne = 0;
 };
