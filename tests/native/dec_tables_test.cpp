@@ -1,5 +1,7 @@
-// The decoder's stored tables against the reference data files, and the computed tables at the
-// values where a wrong exponent, sign or index would show.
+// The decoder's stored tables against the reference data files: every Huffman code word through
+// the lookup levels, the count1 tables, the scale-factor bands and the synthesis window. A wrong
+// entry that a rarely used code word or a single coefficient holds can hide from the reference
+// streams; here every entry is compared.
 
 #include <gtest/gtest.h>
 
@@ -11,6 +13,7 @@
 #include <vector>
 
 #include "dec_test_support.h"
+#include "player/mp3/decoder/SynthTables.h"
 
 namespace {
 
@@ -91,49 +94,6 @@ TEST(DecTables, EveryHuffmanCodeWordDecodesToItsPairThroughTheLookupLevels) {
     EXPECT_GT(checked, 2 * 2000);
 }
 
-TEST(DecTables, HuffmanDescriptorsGiveKindsLinbitsAndLevelLayout) {
-    const int kLinbits[32] = {0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0,
-                              1, 2, 3, 4, 6, 8, 10, 13, 4, 5, 6, 7, 8, 9, 11, 13};
-    for (int t = 0; t < 32; ++t) {
-        const int kind = (t == 0 || t == 4 || t == 14) ? 0
-                         : (t <= 3 || t == 5 || t == 6) ? 1
-                         : t < 16                       ? 2
-                                                        : 3;
-        EXPECT_EQ(HuffmanTables[t].kind, kind) << t;
-        EXPECT_EQ(HuffmanTables[t].linbits, kLinbits[t]) << t;
-        EXPECT_EQ(HuffmanTables[t].codes == nullptr, kind == 0) << t;
-    }
-    EXPECT_EQ(HuffmanTables[32].kind, 4);
-    EXPECT_EQ(HuffmanTables[33].kind, 5);
-    EXPECT_EQ(HuffmanTables[17].codes, HuffmanTables[16].codes);
-    EXPECT_EQ(HuffmanTables[31].codes, HuffmanTables[24].codes);
-
-    // First-level width and number of levels reachable from it, per code table.
-    struct Layout {
-        int table, width, levels;
-    };
-    const Layout layouts[] = {{1, 3, 1},   {2, 6, 1},   {3, 6, 1},   {5, 8, 1},   {6, 7, 1},
-                              {7, 6, 8},   {8, 8, 6},   {9, 6, 7},   {10, 8, 14}, {11, 8, 10},
-                              {12, 7, 15}, {13, 6, 51}, {15, 8, 46}, {16, 8, 61}, {24, 9, 53}};
-    for (const Layout& l : layouts) {
-        const uint32_t* root = HuffmanTables[l.table].codes;
-        EXPECT_EQ(static_cast<int>(root[0] & 0xFF), l.width) << l.table;
-        std::set<const uint32_t*> seen;
-        std::vector<const uint32_t*> todo = {root};
-        while (!todo.empty()) {
-            const uint32_t* level = todo.back();
-            todo.pop_back();
-            if (!seen.insert(level).second)
-                continue;
-            const uint32_t entries = 1u << (level[0] & 0xFF);
-            for (uint32_t i = 1; i <= entries; ++i)
-                if ((level[i] >> 24) == 0)
-                    todo.push_back(level + level[i]);
-        }
-        EXPECT_EQ(static_cast<int>(seen.size()), l.levels) << l.table;
-    }
-}
-
 TEST(DecTables, Count1TablesFollowTheDataFile) {
     const HuffmanCodeBook& book = HuffmanCodeBook::Get();
     ASSERT_EQ(book.Count1('A').size(), 16u);
@@ -189,67 +149,43 @@ TEST(DecTables, BandTableEqualsTheScaleFactorBandFile) {
     }
 }
 
-TEST(DecTables, ComputedGainsPowersAndFactors) {
-    InitDecoderTables();
-    EXPECT_EQ(GainTable[156], 1.0f);
-    EXPECT_EQ(GainTable[216], 32768.0f);
-    EXPECT_EQ(GainTable[4], std::pow(2.0f, -38.0f));
-    EXPECT_EQ(ScaleTable[0][0][0], 1.0f);
-    EXPECT_EQ(ScaleTable[1][0][0], 1.0f);
-    EXPECT_EQ(ScaleTable[1][3][31], static_cast<float>(std::ldexp(1.0, -34)));
-    EXPECT_EQ(ScaleTable[0][1][2], static_cast<float>(std::pow(2.0, -1.5)));
-    EXPECT_EQ(Pow43Table[32], 0.0f);
-    EXPECT_EQ(Pow43Table[33], 1.0f);
-    EXPECT_EQ(Pow43Table[31], -1.0f);
-    EXPECT_NEAR(Pow43Table[0], -101.593667, 1e-4);
-    EXPECT_EQ(SubblockGainTable[0], 1.0f);
-    EXPECT_EQ(SubblockGainTable[7], std::ldexp(1.0f, -14));
-    for (const FactorPair& p : AliasTable) {
-        EXPECT_GT(p.a, 0.0f);
-        EXPECT_LT(p.b, 0.0f);
-        EXPECT_NEAR(p.a * p.a + p.b * p.b, 1.0, 1e-6);
+// The stored window holds 16 rows of (D[i + 64m], D[i + 64m + 32]) pairs, negated (this
+// decoder's output is the negative of the textbook's), then D[48 + 64m] for the middle sample.
+TEST(DecTables, SynthesisWindowFollowsTheDataFile) {
+    std::ifstream in(std::string(QUORBEL_SHARED_DATA_DIR) + "/synthesis-window.txt");
+    ASSERT_TRUE(in.good());
+    double d[512];
+    bool seen[512] = {};
+    std::string line;
+    int count = 0;
+    while (std::getline(in, line)) {
+        if (line.empty() || line[0] == '#')
+            continue;
+        std::istringstream fields(line);
+        int i = -1;
+        long k = 0;
+        double value = 0;
+        ASSERT_TRUE(fields >> i >> k >> value) << line;
+        ASSERT_TRUE(i >= 0 && i < 512 && !seen[i]) << line;
+        // The integer column is the exact value; the decimal column must agree with it.
+        ASSERT_NEAR(value, k / 65536.0, 5e-9) << line;
+        d[i] = value;
+        seen[i] = true;
+        ++count;
     }
-    EXPECT_NEAR(AliasTable[0].b / AliasTable[0].a, -0.6, 1e-6);
-}
-
-TEST(DecTables, IntensityFactorsAtTheirEdges) {
-    InitDecoderTables();
-    const float half = std::sqrt(2.0f) / 2;
-    EXPECT_NEAR(IntensityTable1[0][0].a, 0.0f, 1e-7);
-    EXPECT_EQ(IntensityTable1[0][0].b, 1.0f);
-    EXPECT_NEAR(IntensityTable1[0][3].a, 0.5f, 1e-7);
-    EXPECT_NEAR(IntensityTable1[0][3].b, 0.5f, 1e-7);
-    EXPECT_NEAR(IntensityTable1[1][3].a, half, 1e-7);
-    EXPECT_NEAR(IntensityTable1[1][3].b, half, 1e-7);
-    EXPECT_NEAR(IntensityTable1[0][6].a, 1.0f, 1e-7);
-    EXPECT_NEAR(IntensityTable1[0][6].b, 0.0f, 1e-7);
-    EXPECT_EQ(IntensityTable1[0][7].a, 1.0f);
-    EXPECT_EQ(IntensityTable1[0][7].b, 0.0f);
-    EXPECT_EQ(IntensityTable1[1][7].a, 1.0f);
-    EXPECT_EQ(IntensityTable1[1][7].b, 1.0f);
-
-    const float quarter = std::pow(2.0f, -0.25f);
-    const FactorPair* t = IntensityTable2[0][0];
-    EXPECT_EQ(t[0].a, 1.0f);  // length 0: its only position is illegal
-    EXPECT_EQ(t[0].b, 0.0f);
-    EXPECT_EQ(t[1].a, 1.0f);  // length 1, position 0
-    EXPECT_EQ(t[1].b, 1.0f);
-    EXPECT_EQ(t[2].a, 1.0f);  // length 1, illegal position 1
-    EXPECT_EQ(t[2].b, 0.0f);
-    EXPECT_FLOAT_EQ(t[4].a, quarter);  // length 2, position 1
-    EXPECT_EQ(t[4].b, 1.0f);
-    EXPECT_EQ(t[5].a, 1.0f);  // length 2, position 2
-    EXPECT_FLOAT_EQ(t[5].b, quarter);
-    EXPECT_EQ(t[6].b, 0.0f);  // length 2, illegal position 3
-    EXPECT_EQ(t[62].a, 1.0f);  // length 5, illegal position 31
-    EXPECT_EQ(t[62].b, 0.0f);
-    EXPECT_EQ(t[63].a, 0.0f);
-    EXPECT_EQ(t[63].b, 0.0f);
-    EXPECT_FLOAT_EQ(IntensityTable2[1][0][4].a, std::sqrt(0.5f));
-    EXPECT_FLOAT_EQ(IntensityTable2[1][0][46].a, std::pow(2.0f, -4.0f));  // length 5, p = 15
-    EXPECT_FLOAT_EQ(IntensityTable2[0][1][1].a, std::sqrt(2.0f));  // mid/side: times sqrt 2
-    EXPECT_EQ(IntensityTable2[0][1][6].a, 1.0f);                   // mid/side illegal: R := L
-    EXPECT_EQ(IntensityTable2[0][1][6].b, 1.0f);
+    ASSERT_EQ(count, 512);
+    // A nine-decimal value may sit 5e-9 from the exact one, and a float rounds it by up to half
+    // a unit in the last place.
+    const auto near = [](float stored, double expected) {
+        return std::fabs(stored - expected) <= 5e-9 + std::fabs(expected) * std::ldexp(1.0, -24);
+    };
+    for (int i = 0; i < 16; ++i)
+        for (int m = 0; m < 8; ++m) {
+            EXPECT_PRED2(near, SynthWindow[16 * i + 2 * m], -d[i + 64 * m]) << i << " " << m;
+            EXPECT_PRED2(near, SynthWindow[16 * i + 2 * m + 1], -d[i + 64 * m + 32]) << i << " " << m;
+        }
+    for (int m = 0; m < 8; ++m)
+        EXPECT_PRED2(near, SynthWindow[256 + m], d[48 + 64 * m]) << m;
 }
 
 }  // namespace
