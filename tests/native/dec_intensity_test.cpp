@@ -3,7 +3,7 @@
 // material never uses it. So the MPEG-1 and MPEG-2 rules are driven here directly: where the
 // intensity part starts, the factors each position gives (edges, illegal positions, positions
 // above the table, MPEG-2 length groups), the line-count bounds, and how MPEG-2 reads the right
-// channel's scale factors into those groups.
+// channel's scale factors into those groups, beside the left channel's rule.
 
 #include <gtest/gtest.h>
 
@@ -191,8 +191,9 @@ TEST(DecIntensityFactors, EdgesOfBothTables) {
 
 // MPEG-2 scale factors of an intensity frame: the right channel splits scalefac_compress by its
 // own rule into lengths and band groups and leaves them for the stereo stage; the left channel
-// keeps the ordinary rule. Each case shows the lengths by the bits consumed and the values
-// landing in the right bands.
+// keeps the ordinary rule. With the ordinary rule also the mixed-block flag on a long block,
+// which moves the lengths up whatever the block type (no MPEG-2 stream sets it there). Each case
+// shows the lengths by the bits consumed and the values landing in the right bands.
 struct Mpeg2Case {
     uint32_t sfc;
     uint32_t blockType, mixed;
@@ -206,10 +207,14 @@ uint32_t Pattern(int band, int window, int bits) {
     return bits == 0 ? 0 : static_cast<uint32_t>(band * 5 + window * 3 + 1) & ((1u << bits) - 1);
 }
 
-TEST(DecIntensityScaleFactors, Mpeg2RightChannelGroupsAndLeftChannelRule) {
+TEST(DecMpeg2ScaleFactors, RightChannelGroupsLeftChannelRuleAndTheMixedFlag) {
     const Mpeg2Case cases[] = {
         // left channel: 395 -> (24 / 5, 24 % 5, 11 >> 2, 11 % 4), long counts 6 5 5 5
         {395, 0, 0, false, {4, 4, 2, 3}, {6, 5, 5, 5}, 0},
+        // 511 -> (3, 2) with pre-emphasis; the mixed flag moves the lengths up to (3, 3, 2),
+        // on a mixed block and on a long block alike
+        {511, 2, 1, false, {3, 3, 2, 0}, {6, 3, 6, 0}, 1},
+        {511, 0, 1, false, {3, 3, 2, 0}, {11, 10, 0, 0}, 1},
         // right channel: 359 -> i = 179: (4, 5, 5), table 3
         {359, 0, 0, true, {4, 5, 5, 0}, {7, 7, 7, 0}, 0},
         // 360 -> i = 180: table 4 with lengths 0
