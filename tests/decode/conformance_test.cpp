@@ -122,6 +122,9 @@ TEST_P(Conformance, MatchesTheNegatedReferenceWithinItsFigures) {
     }
 }
 
+// Names the stream in gtest's messages instead of dumping its bytes.
+void PrintTo(const Stream& s, std::ostream* os) { *os << s.name; }
+
 INSTANTIATE_TEST_SUITE_P(Streams, Conformance, ::testing::ValuesIn(kStreams),
                          [](const ::testing::TestParamInfo<Stream>& info) {
                              std::string name = info.param.name;
