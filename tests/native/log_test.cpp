@@ -1,87 +1,44 @@
-// The log's layout, its cut and piece limits, its recovery from an unwritable location and
-// whole entries under concurrent logging. Each test logs through its own CLogFile into a fresh
-// temporary folder.
+// The log file: the layout of its entries, lines too long for one piece or one message, and
+// whole entries while two threads log at once. Each test logs through a CLogFile of its own
+// into a temporary folder.
 
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <cstring>
-#include <filesystem>
-#include <fstream>
-#include <random>
-#include <regex>
-#include <sstream>
+#include <cstdio>
+#include <ctime>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "player/pub/Log.h"
+#include "tests/support/TestSupport.h"
 
-namespace fs = std::filesystem;
+using namespace test_support;
 
 namespace {
 
-const std::string kIndent(35, ' ');
-
-class LogTempDir {
-public:
-    LogTempDir()
-    {
-        std::random_device random;
-        path_ = fs::temp_directory_path() /
-                ("quorbel-log-" + std::to_string(random()) + "-" + std::to_string(random()));
-        fs::create_directories(path_);
-    }
-    ~LogTempDir()
-    {
-        std::error_code ignored;
-        fs::remove_all(path_, ignored);
-    }
-    std::string File(const char* name) const { return (path_ / name).string(); }
-
-private:
-    fs::path path_;
-};
-
-// The file's lines, with the platform's CRLF read as a line break.
-std::vector<std::string> ReadLines(const std::string& path)
+// The file's lines, each without its line end (CRLF on Windows).
+std::vector<std::string> Lines(const std::string& path)
 {
-    std::ifstream in(path, std::ios::binary);
-    std::stringstream text;
-    text << in.rdbuf();
     std::vector<std::string> lines;
-    std::string line;
-    for (char c : text.str()) {
-        if (c == '\r') {
-            continue;
-        }
-        if (c == '\n') {
-            lines.push_back(line);
-            line.clear();
-        } else {
-            line += c;
-        }
+    const Bytes text = ReadFile(path);
+    for (size_t begin = 0, end; begin < text.size(); begin = end + 1) {
+        end = text.find('\n', begin);
+        EXPECT_NE(end, std::string::npos) << "a last line without its line break";
+        if (end == std::string::npos) end = text.size();
+        lines.push_back(text.substr(begin, end - begin));
+        if (!lines.back().empty() && lines.back().back() == '\r') lines.back().pop_back();
     }
-    EXPECT_TRUE(line.empty()) << "last line without a line break: " << line;
     return lines;
 }
 
-const std::regex kPrefix(R"(^\[(\d{4})-(\d{2})-(\d{2}) (\d{2}):(\d{2}):(\d{2}):(\d{3}) (\d{4,}):(\d{4,})\])");
-
-// The text after an entry's prefix; fails the test when the line does not start with one.
-std::string AfterPrefix(const std::string& line)
+// The thread id of an entry's prefix; "" when the line starts no entry.
+std::string ThreadOf(const std::string& line)
 {
-    std::smatch match;
-    if (!std::regex_search(line, match, kPrefix)) {
-        ADD_FAILURE() << "no entry prefix: " << line;
-        return std::string();
-    }
-    int month = std::stoi(match[2]), day = std::stoi(match[3]), hour = std::stoi(match[4]);
-    int minute = std::stoi(match[5]), second = std::stoi(match[6]);
-    EXPECT_TRUE(month >= 1 && month <= 12 && day >= 1 && day <= 31 && hour <= 23 &&
-                minute <= 59 && second <= 60)
-        << line;
-    return match.suffix();
+    const size_t prefix = LogCapture::PrefixLength(line);
+    const size_t colon = line.rfind(':', prefix);
+    return prefix == 0 ? "" : line.substr(colon + 1, prefix - 2 - colon);
 }
 
 // Keeps every piece handed to Write and passes it on to the file.
@@ -98,148 +55,67 @@ public:
 
 }  // namespace
 
-TEST(LogFileLayout, LinesAreIndentedUnderTheFirst)
+TEST(LogFile, EntriesAreTimedAndFurtherLinesIndentedUnderTheFirst)
 {
-    LogTempDir dir;
-    const std::string path = dir.File("entries.log");
+    TempFolder folder;
+    const std::string path = folder.Write("entries.log", "earlier\n");
+    LogCapture capture(path);
+    const std::time_t from = std::time(nullptr);
     {
         CLogFile log(path.c_str());
-        EXPECT_EQ(log.Log("one line %d", 7), 1);
+        EXPECT_EQ(log.Log("one line %d %u %X %s %5d", -7, 7u, 0xBEEFu, "text", 42), 1);
         EXPECT_EQ(log.Log("first\nsecond"), 1);
         EXPECT_EQ(log.Log("ends with a line feed\n"), 1);
         EXPECT_EQ(log.Log("a\n\nc"), 1);
     }
-    const std::vector<std::string> lines = ReadLines(path);
-    ASSERT_EQ(lines.size(), 8u);
-    EXPECT_EQ(AfterPrefix(lines[0]), "one line 7");
-    EXPECT_EQ(AfterPrefix(lines[1]), "first");
-    EXPECT_EQ(lines[2], kIndent + "second");
-    EXPECT_EQ(AfterPrefix(lines[3]), "ends with a line feed");
-    EXPECT_EQ(lines[4], kIndent);
-    EXPECT_EQ(AfterPrefix(lines[5]), "a");
-    EXPECT_EQ(lines[6], kIndent);
-    EXPECT_EQ(lines[7], kIndent + "c");
-}
-
-TEST(LogFileLayout, AppendsToAnExistingFile)
-{
-    LogTempDir dir;
-    const std::string path = dir.File("kept.log");
-    std::ofstream(path, std::ios::binary) << "earlier\n";
-    {
-        CLogFile log(path.c_str());
-        log.Log("later");
-    }
-    const std::vector<std::string> lines = ReadLines(path);
-    ASSERT_EQ(lines.size(), 2u);
+    const std::time_t to = std::time(nullptr);
+    // Appended; every further line, also an empty one, is 35 spaces and its text.
+    EXPECT_EQ(capture.Messages(), (std::vector<std::string>{"one line -7 7 BEEF text    42", "first\nsecond",
+                                                            "ends with a line feed\n", "a\n\nc"}));
+    const std::vector<std::string> lines = Lines(path);
+    ASSERT_EQ(lines.size(), 9u);
     EXPECT_EQ(lines[0], "earlier");
-    EXPECT_EQ(AfterPrefix(lines[1]), "later");
+    EXPECT_EQ(lines[3], std::string(35, ' ') + "second");
+
+    // Local time to the millisecond, then the process and thread ids.
+    std::tm stamp = {};
+    int millisecond = -1;
+    ASSERT_EQ(std::sscanf(lines[1].c_str(), "[%d-%d-%d %d:%d:%d:%d", &stamp.tm_year, &stamp.tm_mon, &stamp.tm_mday,
+                          &stamp.tm_hour, &stamp.tm_min, &stamp.tm_sec, &millisecond),
+              7);
+    stamp.tm_year -= 1900;
+    stamp.tm_mon -= 1;
+    stamp.tm_isdst = -1;
+    const std::time_t logged = std::mktime(&stamp);
+    EXPECT_TRUE(logged >= from - 1 && logged <= to + 1) << lines[1];
+    EXPECT_TRUE(millisecond >= 0 && millisecond <= 999) << lines[1];
 }
 
-TEST(LogFileLayout, NamesDefaultToTheWorkingDirectoryAndLongNamesAreCut)
+// A message is cut to 4095 characters. A piece holds 1023: a line followed by another fits
+// with 987 (its line break and 35 spaces after it), a last line with 1022. Longer lines go out
+// in several pieces, whole.
+TEST(LogFile, LongLinesAreWrittenWholeInPiecesAndMessagesCut)
 {
-    struct NameOf : CLogFile {
-        explicit NameOf(const char* name) : CLogFile(name) {}
-        size_t Stored() const { return strlen(m_szFileName); }
-        char Last() const { return m_szFileName[sizeof(m_szFileName) - 1]; }
-    };
-    const std::string defaultName = NameOf(nullptr).FileName();
-    EXPECT_TRUE(defaultName == ".\\quorbel.log" || defaultName == "./quorbel.log") << defaultName;
-    EXPECT_EQ(std::string(NameOf("").FileName()), defaultName);
-
-    const std::string longName(400, 'n');
-    NameOf cut(longName.c_str());
-    EXPECT_EQ(cut.Stored(), 259u);
-    EXPECT_EQ(cut.Last(), '\0');
-}
-
-TEST(LogFileLimits, MessageIsCutAt4095Characters)
-{
-    LogTempDir dir;
-    const std::string path = dir.File("long.log");
-    const std::string exact(4095, 'e');
-    const std::string over(5000, 'o');
+    TempFolder folder;
+    const std::string path = folder.Path("long.log");
+    const std::vector<std::string> lines = {std::string(987, 'f') + "\nnext", std::string(988, 's') + "\nnext",
+                                            std::string(1022, 'l'), std::string(1023, 'm'), std::string(4095, 'e'),
+                                            std::string(5000, 'o')};
+    LogCapture capture(path);
     {
         PieceLog log(path);
-        log.Log("%s", exact.c_str());
-        log.Log("%s", over.c_str());
-        for (const std::string& piece : log.pieces) {
-            EXPECT_LE(piece.size(), 1023u);
-        }
+        for (const std::string& line : lines) log.Log("%s", line.c_str());
+        for (const std::string& piece : log.pieces) EXPECT_LE(piece.size(), 1023u);
     }
-    const std::vector<std::string> lines = ReadLines(path);
-    ASSERT_EQ(lines.size(), 2u);
-    EXPECT_EQ(AfterPrefix(lines[0]), exact);
-    EXPECT_EQ(AfterPrefix(lines[1]), std::string(4095, 'o'));
+    std::vector<std::string> expected = lines;
+    expected.back().resize(4095);
+    EXPECT_EQ(capture.Messages(), expected);
 }
 
-// A piece holds 1023 characters: a line followed by another fits with 987 characters (line
-// break and 35 spaces after it), a last line with 1022. Longer lines go out in several pieces.
-TEST(LogFileLimits, LinesAtThePieceBoundaryAreWrittenWhole)
+TEST(LogFile, EntriesOfTwoThreadsNeverInterleave)
 {
-    LogTempDir dir;
-    const std::string path = dir.File("pieces.log");
-    const std::string fits(987, 'f'), spills(988, 's');
-    const std::string lastFits(1022, 'l'), lastSpills(1023, 'm');
-    std::vector<std::vector<std::string>> entries;
-    {
-        PieceLog log(path);
-        for (const std::string* message : {&fits, &spills}) {
-            log.pieces.clear();
-            log.Log("%s\nnext", message->c_str());
-            entries.push_back(log.pieces);
-        }
-        for (const std::string* message : {&lastFits, &lastSpills}) {
-            log.pieces.clear();
-            log.Log("%s", message->c_str());
-            entries.push_back(log.pieces);
-        }
-    }
-    for (const std::vector<std::string>& pieces : entries) {
-        for (const std::string& piece : pieces) {
-            EXPECT_LE(piece.size(), 1023u);
-        }
-    }
-    // prefix, the line with its ending, "next"; and prefix, the last line with its break.
-    EXPECT_EQ(entries[0].size(), 3u);
-    EXPECT_EQ(entries[0][1], fits + "\n" + kIndent);
-    EXPECT_EQ(entries[2].size(), 2u);
-    EXPECT_EQ(entries[2][1], lastFits + "\n");
-
-    const std::vector<std::string> lines = ReadLines(path);
-    ASSERT_EQ(lines.size(), 6u);
-    EXPECT_EQ(AfterPrefix(lines[0]), fits);
-    EXPECT_EQ(lines[1], kIndent + "next");
-    EXPECT_EQ(AfterPrefix(lines[2]), spills);
-    EXPECT_EQ(lines[3], kIndent + "next");
-    EXPECT_EQ(AfterPrefix(lines[4]), lastFits);
-    EXPECT_EQ(AfterPrefix(lines[5]), lastSpills);
-}
-
-TEST(LogFileLocation, UnwritableLocationLosesEntriesUntilItIsWritable)
-{
-    LogTempDir dir;
-    // A folder in the file's place: refused even to root, which may write anywhere else.
-    const std::string path = dir.File("quorbel.log");
-    fs::create_directory(path);
-    CLogFile log(path.c_str());
-    EXPECT_EQ(log.Log("lost %s", "entry"), 1);
-    EXPECT_EQ(log.WriteToFile("lost piece"), 0);
-    EXPECT_EQ(log.WriteToFile("lost again"), 0);
-
-    fs::remove(path);
-    EXPECT_EQ(log.Log("kept"), 1);
-    EXPECT_EQ(log.WriteToFile("piece\n"), 1);
-    const std::vector<std::string> lines = ReadLines(path);
-    ASSERT_EQ(lines.size(), 2u);
-    EXPECT_EQ(AfterPrefix(lines[0]), "kept");
-    EXPECT_EQ(lines[1], "piece");
-}
-
-TEST(LogFileConcurrency, EntriesOfTwoThreadsNeverInterleave)
-{
-    LogTempDir dir;
-    const std::string path = dir.File("threads.log");
+    TempFolder folder;
+    const std::string path = folder.Path("threads.log");
     const int kEntries = 300;
     {
         CLogFile log(path.c_str());
@@ -248,35 +124,29 @@ TEST(LogFileConcurrency, EntriesOfTwoThreadsNeverInterleave)
             ++ready;
             while (ready.load() < 2) {
             }
-            for (int i = 0; i < kEntries; ++i) {
-                log.Log("%c %d\n%c second\n%c third", tag, i, tag, tag);
-            }
+            for (int i = 0; i < kEntries; ++i) log.Log("%c %d\n%c second\n%c third", tag, i, tag, tag);
         };
         std::thread a(writer, 'A'), b(writer, 'B');
         a.join();
         b.join();
     }
-    const std::vector<std::string> lines = ReadLines(path);
+    // Each thread's entries whole and in its order, each under the id of its own thread.
+    const std::vector<std::string> lines = Lines(path);
     ASSERT_EQ(lines.size(), 3u * 2 * kEntries);
     int next[2] = {0, 0};
-    std::string threadId[2];
+    std::string thread[2];
     for (size_t i = 0; i < lines.size(); i += 3) {
-        std::smatch match;
-        ASSERT_TRUE(std::regex_search(lines[i], match, kPrefix)) << lines[i];
-        const std::string text = match.suffix();
-        ASSERT_FALSE(text.empty());
-        const char tag = text[0];
-        ASSERT_TRUE(tag == 'A' || tag == 'B') << text;
-        const int t = tag - 'A';
-        EXPECT_EQ(text, std::string(1, tag) + " " + std::to_string(next[t]++));
-        EXPECT_EQ(lines[i + 1], kIndent + tag + " second");
-        EXPECT_EQ(lines[i + 2], kIndent + tag + " third");
-        if (threadId[t].empty()) {
-            threadId[t] = match[9];
-        }
-        EXPECT_EQ(threadId[t], match[9].str());
+        const size_t prefix = LogCapture::PrefixLength(lines[i]);
+        ASSERT_NE(prefix, 0u) << lines[i];
+        const int t = lines[i][prefix] == 'B' ? 1 : 0;
+        const std::string tag(1, char('A' + t));
+        ASSERT_EQ(lines[i].substr(prefix) + "\n" + lines[i + 1] + "\n" + lines[i + 2],
+                  tag + " " + std::to_string(next[t]++) + "\n" + std::string(35, ' ') + tag + " second\n" +
+                      std::string(35, ' ') + tag + " third");
+        if (thread[t].empty()) thread[t] = ThreadOf(lines[i]);
+        EXPECT_EQ(ThreadOf(lines[i]), thread[t]);
     }
     EXPECT_EQ(next[0], kEntries);
     EXPECT_EQ(next[1], kEntries);
-    EXPECT_NE(threadId[0], threadId[1]);
+    EXPECT_NE(thread[0], thread[1]);
 }
