@@ -1,6 +1,6 @@
 // The conformance streams decoded and compared with the standard decoder's PCM negated. The
 // figures of each stream are pinned from both sides, so that each of this decoder's deliberate
-// departures shows when it goes: rounding instead of truncating lowers every RMS towards 0.5,
+// departures shows when it goes: rounding instead of truncating lowers every RMS far below 0.7,
 // the standard's mixed-block rule lowers l3-si_block's figures, a wider band lowers those of
 // l3-si_huff and the MPEG-2 streams.
 //
