@@ -65,9 +65,10 @@ def exe(win_build):
 class WinProcess:
     """A Windows program under wine: the process wine starts is the program's own."""
 
-    def __init__(self, exe, args=(), cwd=None, stdin=None, stdout=subprocess.DEVNULL):
+    def __init__(self, exe, args=(), cwd=None, stdin=None, stdout=subprocess.DEVNULL,
+                 stderr=subprocess.DEVNULL):
         self.popen = subprocess.Popen(["wine", str(exe), *map(str, args)], cwd=cwd, stdin=stdin,
-                                      stdout=stdout, stderr=subprocess.DEVNULL)
+                                      stdout=stdout, stderr=stderr)
 
     @property
     def pid(self):
@@ -87,6 +88,21 @@ class WinProcess:
         if self.running():
             self.popen.send_signal(signal.SIGKILL)
         self.popen.wait()
+
+
+def run_windows(exe, args=(), cwd=None, output=None, timeout=30):
+    """Runs a Windows program to its end: its exit status, or None when it did not end in time
+    (it is killed then). What it prints, on either stream, goes to the file output, if given."""
+    out = output.open("wb") if output is not None else subprocess.DEVNULL
+    try:
+        p = WinProcess(exe, args, cwd=cwd, stdout=out, stderr=subprocess.STDOUT if output else subprocess.DEVNULL)
+        status = p.wait(timeout)
+        if status is None:
+            p.kill()
+        return status
+    finally:
+        if output is not None:
+            out.close()
 
 
 class Client(WinProcess):
@@ -218,12 +234,24 @@ def server(exe, folder, client):
 
 
 @pytest.fixture
-def recorder(folder):
-    r = Recorder(folder / "recording.raw")
-    yield r
-    if r.parec.poll() is None:
-        r.parec.kill()
-        r.parec.wait()
+def record(folder):
+    """record(name): a recording to folder/name.raw, ended with the test at the latest."""
+    started = []
+
+    def start(name="recording"):
+        started.append(Recorder(folder / f"{name}.raw"))
+        return started[-1]
+
+    yield start
+    for r in started:
+        if r.parec.poll() is None:
+            r.parec.kill()
+            r.parec.wait()
+
+
+@pytest.fixture
+def recorder(record):
+    return record()
 
 
 @pytest.fixture

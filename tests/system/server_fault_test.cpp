@@ -118,9 +118,6 @@ protected:
 
     void TearDown() override {
         // Whatever failed, the next test needs a sound server.
-        if (m_soundFrozen) {
-            EXPECT_TRUE(SoundThaw()) << "the session's sound server could not be thawed";
-        }
         if (m_soundDown) {
             EXPECT_TRUE(SoundStart()) << "the session's sound server did not come back";
         }
@@ -149,16 +146,6 @@ protected:
     bool SoundStart() {
         if (!Script({"sound-start"})) return false;
         m_soundDown = false;
-        return true;
-    }
-    bool SoundFreeze() {
-        m_soundFrozen = true;
-        ++m_faults;
-        return Script({"sound-freeze"});
-    }
-    bool SoundThaw() {
-        if (!Script({"sound-thaw"})) return false;
-        m_soundFrozen = false;
         return true;
     }
 
@@ -207,7 +194,6 @@ protected:
     std::string m_script;
     std::string m_session;
     bool m_soundDown = false;
-    bool m_soundFrozen = false;
     int m_faults = 0;
 };
 
@@ -470,127 +456,6 @@ TEST_F(ServerFault, SoundServerKilledMidLoopNeitherCrashesNorHangsTheServer) {
     recorder.Stop();
     EXPECT_TRUE(HeardFraction(recorder.Samples(), noise) >= 0.5);
     EXPECT_EQ(ServerLogMessages(m_dir).size(), before) << ServerLogText(m_dir);
-}
-
-// 64 loops asked for at once. Wine serves a process's wave devices from one thread that can
-// wait on 63 of them; a 64th device open at once would end every done notification of the
-// process for good, and nothing would be heard again. So one loop is refused, the others
-// play, and once they are stopped the next play is heard whole.
-TEST_F(ServerFault, BurstOfLoopsBeyondTheDeviceLimitLeavesTheServerHearing) {
-    ASSERT_TRUE(StartServer());
-    const int kLoops = 64;
-    std::vector<std::string> names;
-    for (int i = 0; i < kLoops; ++i) {
-        names.push_back(Wav("loop" + std::to_string(i) + ".wav", Tone(200 + 37 * i, 0.25, 300)));
-    }
-    ++m_faults;
-    ASSERT_TRUE(SendAs("0", kLoop | kIgnoreForeground, names));
-    SleepMs(5000);
-    // The stops drain one play after another, each its queued ring.
-    const Clock::time_point stopAt = Clock::now();
-    EXPECT_EQ(Command({"sendas", "0", Hex(kStopClient)}, 120000), "1");
-    const long long stopMs = MsSince(stopAt);
-
-    std::vector<int16_t> noise = SeededNoise(151, kRate, 2);
-    Wav("fresh.wav", noise);
-    CRecorder recorder;
-    ASSERT_TRUE(recorder.Start(m_dir + "/recording.raw")) << recorder.Problem();
-    ASSERT_TRUE(SendAs("0", kIgnoreForeground, {"fresh.wav"}));
-    SleepMs(2500);
-    recorder.Stop();
-    std::vector<int16_t> rec = recorder.Samples();
-    long long offset = 0;
-    ASSERT_TRUE(FindMaterial(rec, noise, &offset)) << "the play after the burst was not heard";
-    const double heard = CompareBlocks(rec, noise, offset).Fraction();
-    Figure("64 loops asked for at once: the stop of all returned after " + std::to_string(stopMs) +
-           " ms; the next play was found in " + std::to_string(100 * heard) + " % of its blocks");
-    EXPECT_GE(heard, 0.95);
-
-    // Exactly one refusal, with its two lines, and nothing else.
-    const std::vector<std::string> messages = ServerLogMessages(m_dir);
-    ASSERT_EQ(messages.size(), 2u) << ServerLogText(m_dir);
-    EXPECT_TRUE(MessageMatches(messages[0], "[player/pub/WavOut:*]too many devices open(63)"))
-        << messages[0];
-    EXPECT_TRUE(std::any_of(names.begin(), names.end(), [&](const std::string& name) {
-        return MessageMatches(messages[1], "[player/wav/WavFilePlayer:*]file(" + name + "),waveout init failed");
-    })) << messages[1];
-    EXPECT_TRUE(m_server.Running());
-}
-
-// A frozen sound server (SIGSTOP) answers nothing: no queued buffer comes back, and a call on
-// the device may block for as long as it is frozen. A play gives its device up and ends, the
-// server goes on serving, and a close ends the process in time although a play thread is held.
-TEST_F(ServerFault, FrozenSoundServerHoldsNeitherAPlayNorTheClose) {
-    ASSERT_TRUE(StartServer());
-    Wav("tone.wav", Tone(440, 1, 8000));
-    {
-        CRecorder recorder;
-        ASSERT_TRUE(recorder.Start(m_dir + "/recording-before.raw")) << recorder.Problem();
-        ASSERT_TRUE(SendAs("0", kLoop | kIgnoreForeground, {"tone.wav"}));
-        ASSERT_TRUE(WaitForTone(recorder, 440, 0));
-        recorder.Stop();
-    }
-    ASSERT_TRUE(SoundFreeze());
-    // Given up after the ring's wait limit (1.6 s here), then closed on a thread of its own,
-    // which the frozen server holds: the device is left open and the play ends.
-    EXPECT_TRUE(WaitForLogMessage(
-        m_dir, "[player/pub/WavOut:*]device left open: close did not return within 1000 ms", 15000));
-    std::vector<std::string> messages = ServerLogMessages(m_dir);
-    ASSERT_EQ(messages.size(), 2u) << ServerLogText(m_dir);
-    EXPECT_TRUE(MessageMatches(messages[0], "[player/pub/WavOut:*]wait for a free buffer timed out") ||
-                MessageMatches(messages[0], "[player/pub/WavOut:*]wait for buffers timed out"))
-        << messages[0];
-    // Still serving: a stop of the ended play returns at once.
-    const Clock::time_point stopAt = Clock::now();
-    EXPECT_TRUE(SendAs("0", kStop, {"tone.wav"}));
-    EXPECT_LE(MsSince(stopAt), 1000);
-
-    // Thawed, the same server plays again.
-    ASSERT_TRUE(SoundThaw());
-    std::vector<int16_t> noise = SeededNoise(161, kRate, 2);
-    Wav("noise.wav", noise);
-    {
-        CRecorder recorder;
-        ASSERT_TRUE(recorder.Start(m_dir + "/recording-thawed.raw")) << recorder.Problem();
-        ASSERT_TRUE(SendAs("0", kIgnoreForeground, {"noise.wav"}));
-        SleepMs(2000);
-        const size_t loopFrom = recorder.FramesSoFar();
-        ASSERT_TRUE(SendAs("0", kLoop | kIgnoreForeground, {"tone.wav"}));
-        ASSERT_TRUE(WaitForTone(recorder, 440, loopFrom));
-        recorder.Stop();
-        EXPECT_GE(HeardFraction(recorder.Samples(), noise), 0.5) << "not heard after the thaw";
-    }
-
-    // Frozen again while the loop plays, then closed before its device is given up: the play
-    // thread is held by the sound path, and the close ends the process all the same.
-    ASSERT_TRUE(SoundFreeze());
-    SleepMs(300);
-    const size_t logged = ServerLogMessages(m_dir).size();
-    const Clock::time_point closeAt = Clock::now();
-    ASSERT_EQ(Command({"close"}), "1");
-    ASSERT_TRUE(m_server.Wait(10000)) << "the server did not end";
-    const long long closeMs = MsSince(closeAt);
-    Figure("close with the sound server frozen: the process ended " + std::to_string(closeMs) +
-           " ms after WM_CLOSE was posted");
-    EXPECT_LE(closeMs, 3000);
-    // The server ends itself with status 0; but with a device open on the frozen sound server,
-    // Wine's own end of the host process dies of SIGSEGV in its sound driver (seen in every
-    // try, with ExitProcess as with TerminateProcess). Under Windows there is no such step.
-    EXPECT_TRUE(m_server.ExitCode() == 0 || m_server.ExitCode() == 128 + 11) << m_server.ExitCode();
-    messages = ServerLogMessages(m_dir);
-    ASSERT_GE(messages.size(), logged + 1) << ServerLogText(m_dir);
-    EXPECT_TRUE(MessageMatches(messages.back(), "[player/pub/PlayerRegistry:*]play threads still running(1)"))
-        << ServerLogText(m_dir);
-
-    // Thawed, a new server starts and is heard.
-    ASSERT_TRUE(SoundThaw());
-    ASSERT_TRUE(StartServer());
-    CRecorder recorder;
-    ASSERT_TRUE(recorder.Start(m_dir + "/recording-after.raw")) << recorder.Problem();
-    ASSERT_TRUE(SendAs("0", kIgnoreForeground, {"noise.wav"}));
-    SleepMs(2000);
-    recorder.Stop();
-    EXPECT_GE(HeardFraction(recorder.Samples(), noise), 0.5) << "a new server was not heard";
 }
 
 TEST_F(ServerFault, LogFileThatCannotBeCreatedLosesEntriesOnlyUntilItCan) {

@@ -146,7 +146,7 @@ protected:
     void SetUp() override {
         std::string problem = SessionProblem();
         ASSERT_TRUE(problem.empty()) << problem;
-        for (const char* name : {"quorbel", "quorbel-play", "server_client", "server_raw", "server_front"}) {
+        for (const char* name : {"quorbel", "server_client", "server_front"}) {
             std::string exe = FindWindowsExe(name);
             ASSERT_FALSE(exe.empty()) << name << ".exe not found under " << WinBuildDir();
             m_exe[name] = exe;
