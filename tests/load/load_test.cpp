@@ -38,6 +38,9 @@
 #include <string>
 #include <vector>
 
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
 #include "tests/system/server_system.h"
 
 namespace {

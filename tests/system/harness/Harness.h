@@ -1,6 +1,7 @@
 #pragma once
-// The host side of the system tests: they run natively on Linux and drive the Windows programs
-// of the cross build under Wine, inside the private session of scripts/wine-session.
+// The C++ host side that the load test and bench/measure_server use: they run natively on Linux
+// and drive the Windows programs of the cross build under Wine, inside the private session of
+// scripts/wine-session. (The system tests themselves are pytest, beside this folder.)
 //
 // Environment (scripts/test sets it; by hand: `. build/session/env` after
 // `scripts/wine-session start`, then export QUORBEL_WIN_BUILD_DIR):
@@ -13,9 +14,8 @@
 //   QUORBEL_SYSTEM_WORK_DIR optional: where MakeWorkDir makes fresh directories (default: the
 //                           test's working directory, "work/")
 //
-// Layout: every tests/system/*_test.cpp joins the native gtest binary system_tests (label
-// "system"; run with `ctest -L system` inside the session); every tests/system/win/NAME.cpp
-// becomes NAME.exe in the Windows build, linked with quorbel_win, as a helper program.
+// Every tests/system/win/NAME.cpp becomes NAME.exe in the Windows build, linked with
+// quorbel_win, as a helper program.
 //
 // The pieces:
 //   Session.h    the environment above, finding programs, fresh working directories, waiting

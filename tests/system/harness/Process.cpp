@@ -89,28 +89,4 @@ bool CProcess::Terminate(int graceMs) {
     return Kill();
 }
 
-bool PidRunning(pid_t pid) {
-    if (pid <= 0) return false;
-    if (kill(pid, 0) != 0 && errno == ESRCH) return false;
-    // A zombie has ended though its id still answers.
-    std::string stat;
-    if (ReadFile("/proc/" + std::to_string(pid) + "/stat", &stat)) {
-        size_t close = stat.rfind(')');
-        if (close != std::string::npos && close + 2 < stat.size() && stat[close + 2] == 'Z') {
-            return false;
-        }
-    }
-    return true;
-}
-
-bool WaitForPidExit(pid_t pid, int timeoutMs) {
-    return WaitUntil([pid] { return !PidRunning(pid); }, timeoutMs, 10);
-}
-
-bool KillPid(pid_t pid) {
-    if (!PidRunning(pid)) return true;
-    kill(pid, SIGKILL);
-    return WaitForPidExit(pid, 10000);
-}
-
 }  // namespace harness

@@ -46,9 +46,4 @@ private:
     int m_exitCode = -1;
 };
 
-// For processes this test did not start itself.
-bool PidRunning(pid_t pid);
-bool WaitForPidExit(pid_t pid, int timeoutMs);
-bool KillPid(pid_t pid);
-
 }  // namespace harness

@@ -42,34 +42,4 @@ std::vector<std::string> ServerLogMessages(const std::string& workDir) {
     return messages;
 }
 
-bool MessageMatches(const std::string& message, const std::string& pattern) {
-    static const std::string kLine = ":*]";
-    size_t m = 0;
-    size_t p = 0;
-    for (;;) {
-        size_t wild = pattern.find(kLine, p);
-        size_t literal = (wild == std::string::npos ? pattern.size() : wild) - p;
-        if (message.compare(m, literal, pattern, p, literal) != 0) return false;
-        m += literal;
-        if (wild == std::string::npos) return m == message.size();
-        if (m >= message.size() || message[m] != ':') return false;
-        ++m;
-        size_t digits = m;
-        while (m < message.size() && message[m] >= '0' && message[m] <= '9') ++m;
-        if (m == digits || m >= message.size() || message[m] != ']') return false;
-        ++m;
-        p = wild + kLine.size();
-    }
-}
-
-int CountLogMessage(const std::string& workDir, const std::string& pattern) {
-    int count = 0;
-    for (const std::string& m : ServerLogMessages(workDir)) count += MessageMatches(m, pattern) ? 1 : 0;
-    return count;
-}
-
-bool WaitForLogMessage(const std::string& workDir, const std::string& pattern, int timeoutMs) {
-    return WaitUntil([&] { return CountLogMessage(workDir, pattern) > 0; }, timeoutMs, 50);
-}
-
 }  // namespace harness
