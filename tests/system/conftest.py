@@ -176,6 +176,15 @@ class Recorder:
     def samples(self):
         return sound.read_raw(self.path)
 
+    def wait_for_tone(self, frequency, start=0, timeout=10):
+        """Waits until the tone is heard in the last tenth of a second recorded, after frame start."""
+        def heard():
+            now = self.now()
+            tenth = sound.RATE // 10
+            return now - tenth >= start and sound.level(self.samples(), frequency, now - tenth, now) > 1000
+
+        return wait_until(heard, timeout)
+
 
 def log_messages(folder):
     """The server's log entries without their time stamps, line numbers as *."""

@@ -85,13 +85,6 @@ def last_tone_frame(rec, frequency, start, threshold=1000):
     return last
 
 
-def wait_for_tone(recorder, frequency, timeout=10):
-    def heard():
-        now = recorder.now()
-        return now > RATE // 10 and sound.level(recorder.samples(), frequency, now - RATE // 10, now) > 1000
-
-    return wait_until(heard, timeout)
-
 
 def test_burst_of_loops_beyond_the_device_limit_leaves_the_server_hearing(server, client, folder, record):
     """Wine serves a process's wave devices from one thread that can wait on 63 of them; a 64th
@@ -130,7 +123,7 @@ def test_frozen_sound_server_holds_neither_a_play_nor_the_close(server, client, 
     sound.write_wav(folder / "tone.wav", sound.tone(440, 1))
     recorder = record("before")
     assert client.send_as(0, LOOP | IGNORE_FOREGROUND, "tone.wav")
-    assert wait_for_tone(recorder, 440)
+    assert recorder.wait_for_tone(440)
     recorder.stop(0)
 
     sound_server.freeze()
@@ -156,7 +149,7 @@ def test_frozen_sound_server_holds_neither_a_play_nor_the_close(server, client, 
     time.sleep(2)
     loop_from = recorder.now()
     assert client.send_as(0, LOOP | IGNORE_FOREGROUND, "tone.wav")
-    assert wait_until(lambda: sound.level(recorder.samples(), 440, loop_from, recorder.now()) > 1000, 10)
+    assert recorder.wait_for_tone(440, loop_from)
     heard = sound.match(recorder.stop(0), noise)
     assert heard.whole(), f"not heard after the thaw: {heard}"
 
@@ -202,7 +195,7 @@ def test_killed_last_clients_loop_ends_within_a_sweep_and_the_server_closes(serv
         assert victim.window() != "0x00000000"
         recorder = record(f"round{round}")
         assert victim.send(LOOP | IGNORE_FOREGROUND, "tone.wav")
-        assert wait_for_tone(recorder, 440)
+        assert recorder.wait_for_tone(440)
         time.sleep(2.5 + 0.3 * round)  # a sweep with the client alive; each round at another phase
         assert server.process.running()
         killed = recorder.now()
@@ -226,7 +219,7 @@ def test_killed_client_beside_another_ends_only_its_own_loop(server, client, fol
         assert victim.window() != "0x00000000" and survivor.window() != "0x00000000"
         assert victim.send(LOOP | IGNORE_FOREGROUND, "victim.wav")
         assert survivor.send(LOOP | IGNORE_FOREGROUND, "survivor.wav")
-        assert wait_for_tone(recorder, 440) and wait_for_tone(recorder, 1000)
+        assert recorder.wait_for_tone(440) and recorder.wait_for_tone(1000)
         time.sleep(2.5)
         killed = recorder.now()
         victim.kill()
@@ -290,7 +283,7 @@ def both_heard(client, record, material, tag):
     time.sleep(2)
     mp3_from = recorder.now()
     assert client.send_as(0, IGNORE_FOREGROUND, "tone.mp3")
-    mp3 = wait_until(lambda: sound.level(recorder.samples(), 1000, mp3_from, recorder.now()) > 1000, 10)
+    mp3 = recorder.wait_for_tone(1000, mp3_from)
     time.sleep(2)  # played out: nothing of it may still sound when the next fault comes
     wav = sound.match(recorder.stop(0), material.noise).fraction >= 0.5
     assert wav == mp3, f"{tag}: WAV heard {wav}, MP3 heard {mp3}"
@@ -341,7 +334,7 @@ def test_sound_server_killed_mid_loop_neither_crashes_nor_hangs_the_server(
     sound.write_wav(folder / "tone.wav", sound.tone(440, 1))
     recorder = record("before")
     assert client.send_as(0, LOOP | IGNORE_FOREGROUND, "tone.wav")
-    assert wait_for_tone(recorder, 440)
+    assert recorder.wait_for_tone(440)
     recorder.stop(0)
     sound_server.stop(kill=True)
     time.sleep(0.3)
@@ -374,7 +367,7 @@ def test_sound_server_killed_mid_loop_neither_crashes_nor_hangs_the_server(
     time.sleep(2)
     loop_from = recorder.now()
     assert client.send_as(0, LOOP | IGNORE_FOREGROUND, "tone.wav")
-    assert wait_until(lambda: sound.level(recorder.samples(), 440, loop_from, recorder.now()) > 1000, 10)
+    assert recorder.wait_for_tone(440, loop_from)
     started = time.monotonic()
     assert client.send_as(0, STOP, "tone.wav")
     assert time.monotonic() - started <= 2
@@ -491,7 +484,7 @@ def test_file_being_played_cannot_be_cut_or_replaced(server, client, folder, exe
     sound.write_wav(folder / "y.wav", sound.tone(1000, 1))
     size = (folder / "x.wav").stat().st_size
     assert client.send_as(0, LOOP | IGNORE_FOREGROUND, "x.wav")
-    assert wait_for_tone(recorder, 440)
+    assert recorder.wait_for_tone(440)
     # The server holds the file open for reading, shared for reading only, and mapped: a program
     # that wants to cut it cannot open it for writing, and a rename over it is refused. This is
     # Windows' behaviour, and Wine's as measured here.
@@ -502,7 +495,7 @@ def test_file_being_played_cannot_be_cut_or_replaced(server, client, folder, exe
     assert replace[0] == 1 and replace[1].startswith("refused MoveFileEx "), replace
     assert (folder / "x.wav").stat().st_size == size
     attempted = recorder.now()
-    assert wait_until(lambda: sound.level(recorder.samples(), 440, attempted + RATE // 2, recorder.now()) > 1000, 10), \
+    assert recorder.wait_for_tone(440, attempted + RATE // 2), \
         "the loop did not go on"
     assert client.send_as(0, STOP, "x.wav")
     rec = recorder.stop(0.5)
@@ -529,7 +522,7 @@ def test_second_server_started_while_the_first_closes_leaves_one_or_none(server,
             assert client.send(LOOP | IGNORE_FOREGROUND, "a.wav", "b.wav", "c.wav")
         else:
             assert client.send_as(0, LOOP | IGNORE_FOREGROUND, "a.wav", "b.wav", "c.wav")
-        assert wait_for_tone(recorder, 440) and wait_for_tone(recorder, 2500)
+        assert recorder.wait_for_tone(440) and recorder.wait_for_tone(2500)
         assert client.ask("destroy" if by_sweep else "close") == "1"
         closed = time.monotonic()
         time.sleep(delay)

@@ -12,13 +12,6 @@ from conftest import IGNORE_FOREGROUND, LOOP, run_windows, wait_until
 RATE = sound.RATE
 
 
-def wait_for_tone(recorder, frequency, timeout=10):
-    def heard():
-        now = recorder.now()
-        return now > RATE // 10 and sound.level(recorder.samples(), frequency, now - RATE // 10, now) > 1000
-
-    return wait_until(heard, timeout)
-
 
 def wait_for_log(server, message, timeout=10):
     return wait_until(lambda: message in server.log(), timeout, 0.1)
@@ -74,7 +67,7 @@ def test_destroyed_client_window_ends_its_plays_and_the_last_one_the_server(serv
     assert client.window() != "0x00000000"
     sound.write_wav(folder / "tone.wav", sound.tone(440, 1))
     assert client.send(LOOP | IGNORE_FOREGROUND, "tone.wav")
-    assert wait_for_tone(recorder, 440)
+    assert recorder.wait_for_tone(440)
     time.sleep(2.5)  # at least one sweep with the client alive
     assert server.process.running()
 
@@ -93,7 +86,7 @@ def test_close_from_outside_ends_the_server_with_its_plays(server, client, recor
     server.start()
     sound.write_wav(folder / "tone.wav", sound.tone(1000, 1))
     assert client.send_as(0, LOOP | IGNORE_FOREGROUND, "tone.wav")  # client 0: never swept
-    assert wait_for_tone(recorder, 1000)
+    assert recorder.wait_for_tone(1000)
     closed = recorder.now()
     assert server.close() == 0
     rec = recorder.stop(1)

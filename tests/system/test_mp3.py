@@ -140,13 +140,6 @@ def passes(rec, piece, pass_frames, start=0):
         previous, start = heard.start, heard.end
 
 
-def wait_for_tone(recorder, frequency, timeout=10):
-    def heard():
-        now = recorder.now()
-        return now > RATE // 10 and sound.level(recorder.samples(), frequency, now - RATE // 10, now) > 1000
-
-    return wait_until(heard, timeout)
-
 
 def median_level(rec, frequency, start, end):
     """The median of the tone's level over tenths of a second: a looped MP3 of a tone restarts
@@ -242,7 +235,7 @@ def test_plays_follow_the_foreground(mp3, client, recorder, in_front):
     behind = recorder.now()
     assert client.ask("front") == "1"
     came_front = recorder.now()
-    assert wait_for_tone(recorder, 1000), "not heard with its client in front"
+    assert recorder.wait_for_tone(1000, came_front), "not heard with its client in front"
     heard = recorder.now()
     time.sleep(0.5)
     after = in_front("after")
@@ -270,7 +263,7 @@ def test_stop_others_stop_client_and_the_sweep_end_mp3_plays_as_wav_ones(mp3, se
         assert stopper.send(LOOP | IGNORE_FOREGROUND, "d.mp3")
         assert swept.send(LOOP | IGNORE_FOREGROUND, "e.mp3")
         for frequency in (440, 1000, 2500, 1700, 3100):
-            assert wait_for_tone(recorder, frequency), frequency
+            assert recorder.wait_for_tone(frequency), frequency
         time.sleep(0.5)
         everything = recorder.now()
         # All but the WAV: both MP3s of this client stop; the other clients' plays go on.
@@ -420,7 +413,7 @@ def test_eight_plays_from_four_clients_mix_and_each_stop_of_a_client_ends_its_ow
         for n, c in enumerate(clients):
             assert c.send(LOOP | IGNORE_FOREGROUND, f"t{2 * n}.mp3", f"t{2 * n + 1}.mp3")
         for frequency in tones:
-            assert wait_for_tone(recorder, frequency), f"{frequency} Hz never heard"
+            assert recorder.wait_for_tone(frequency), f"{frequency} Hz never heard"
         span_from = recorder.now()
         time.sleep(3)
         span_to = recorder.now()

@@ -7,7 +7,7 @@ import numpy as np
 import pytest
 
 import sound
-from conftest import IGNORE_FOREGROUND, LOOP, STOP, STOP_CLIENT, STOP_OTHERS, Client, wait_until
+from conftest import IGNORE_FOREGROUND, LOOP, STOP, STOP_CLIENT, STOP_OTHERS, Client
 
 RATE = sound.RATE
 
@@ -19,14 +19,6 @@ def playing(server, client, recorder):
     assert client.window() != "0x00000000"
     return server
 
-
-def wait_for_tone(recorder, frequency, timeout=10):
-    def heard():
-        now = recorder.now()
-        rec = recorder.samples()
-        return now > RATE // 10 and sound.level(rec, frequency, now - RATE // 10, now) > 1000
-
-    return wait_until(heard, timeout)
 
 
 def test_wav_played_once_arrives_sample_for_sample(playing, client, recorder, folder):
@@ -80,7 +72,7 @@ def test_stop_others_keeps_only_the_named_file_and_two_names_keep_none(playing, 
     for name, frequency in (("a.wav", 440), ("b.wav", 1000), ("c.wav", 2500)):
         sound.write_wav(folder / name, sound.tone(frequency, 1))
     assert client.send(LOOP | IGNORE_FOREGROUND, "a.wav", "b.wav", "c.wav")
-    assert wait_for_tone(recorder, 2500)
+    assert recorder.wait_for_tone(2500)
     time.sleep(0.5)
     before = recorder.now()
     assert client.send(STOP | STOP_OTHERS, "A.wav")
@@ -108,7 +100,7 @@ def test_clients_are_independent_and_a_stop_of_the_client_needs_no_names(
             sound.write_wav(folder / name, sound.tone(frequency, 1))
         assert client.send(LOOP | IGNORE_FOREGROUND, "a.wav", "b.wav")
         assert other.send(LOOP | IGNORE_FOREGROUND, "b.wav", "c.wav")
-        assert wait_for_tone(recorder, 2500)
+        assert recorder.wait_for_tone(2500)
         time.sleep(0.5)
         both = recorder.now()
         assert client.send(STOP_CLIENT)  # no names
