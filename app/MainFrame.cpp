@@ -1,7 +1,6 @@
 #include "app/MainFrame.h"
 
 #include <cstdint>
-#include <cstring>
 
 #include "client/QuorbelClient.h"
 
@@ -66,65 +65,44 @@ int CMainFrame::OnCreate(LPCREATESTRUCTA lpCreateStruct) {
 }
 
 BOOL CMainFrame::OnCopyData(HWND, PCOPYDATASTRUCT pCopyDataStruct) {
-    // Nothing here is trusted: cbData bounds every read, and a block too short for the client
-    // handle is no request at all.
-    if (pCopyDataStruct == nullptr || pCopyDataStruct->lpData == nullptr ||
-        pCopyDataStruct->cbData < sizeof(uint32_t)) {
+    // Nothing here is trusted: a block too short for the client handle is no request at all.
+    Request request;
+    if (pCopyDataStruct == nullptr ||
+        !DecodeRequest(pCopyDataStruct->lpData, pCopyDataStruct->cbData, pCopyDataStruct->dwData,
+                       &request)) {
         return TRUE;
     }
-    const char* data = static_cast<const char*>(pCopyDataStruct->lpData);
-    uint32_t client = 0;
-    memcpy(&client, data, sizeof client);
-    const LONG hClientWnd = static_cast<LONG>(client);
-    const int nCount = static_cast<int>(pCopyDataStruct->dwData & 0xFF);
-    const UINT nFlags = static_cast<UINT>(pCopyDataStruct->dwData >> 16) & 0xFFFF;
-    const char* names = data + sizeof client;
-    const char* end = data + pCopyDataStruct->cbData;
-
     CMutexLock lock(m_hClientsMutex);
-    if (m_clients.Find(hClientWnd) < 0 && hClientWnd != 0) {
+    if (m_clients.Find(request.hClientWnd) < 0 && request.hClientWnd != 0) {
         if (!m_bSweepTimerStarted) {
             m_bSweepTimerStarted = TRUE;
             SetTimer(m_hWnd, TIMER_CLIENT_SWEEP, kSweepPeriodMs, nullptr);
         }
         // A client that cannot be listed is still served; it is only never swept.
-        m_clients.Add(hClientWnd);
+        m_clients.Add(request.hClientWnd);
     }
-    DispatchRequest(hClientWnd, names, end, nCount, nFlags);
+    DispatchRequest(request);
     return TRUE;
 }
 
-void CMainFrame::DispatchRequest(LONG hClientWnd, const char* pNames, const char* pEnd,
-                                 int nCount, UINT nFlags) {
+void CMainFrame::DispatchRequest(const Request& request) {
+    const LONG hClientWnd = request.hClientWnd;
+    const UINT nFlags = request.nFlags;
     if (nFlags & REQ_STOP_CLIENT) {
         m_players.StopClient(hClientWnd);
         return;
     }
     const uint32_t bLoop = (nFlags & REQ_LOOP) ? 1 : 0;
     const DWORD dwForegroundPid = (nFlags & REQ_IGNORE_FOREGROUND) ? 0 : m_dwForegroundPid;
-
-    const char* name = pNames;
-    for (int i = 0; i < nCount && name < pEnd; ++i) {
-        const char* nul = static_cast<const char*>(memchr(name, '\0', static_cast<size_t>(pEnd - name)));
-        if (nul == nullptr) return;  // the block ends inside this name
-        size_t length = static_cast<size_t>(nul - name);
-        const char* next = nul + 1;
-        // A cut name could be another file: a name that does not fit is not carried out.
-        if (length >= kNameBuffer) {
-            name = next;
-            continue;
-        }
-        char szName[kNameBuffer];
-        memcpy(szName, name, length + 1);
-
+    for (int i = 0; i < request.nNames; ++i) {
+        const char* name = request.names[i];
         if (!(nFlags & REQ_STOP)) {
-            m_players.Play(hClientWnd, szName, bLoop, dwForegroundPid);
+            m_players.Play(hClientWnd, name, bLoop, dwForegroundPid);
         } else if (nFlags & REQ_STOP_OTHERS) {
-            m_players.StopOtherFiles(hClientWnd, szName);
+            m_players.StopOtherFiles(hClientWnd, name);
         } else {
-            m_players.StopFile(hClientWnd, szName);
+            m_players.StopFile(hClientWnd, name);
         }
-        name = next;
     }
 }
 

@@ -4,6 +4,7 @@
 
 #include <windows.h>
 
+#include "app/Request.h"
 #include "app/WndHandleArray.h"
 #include "app/framework/FrameWnd.h"
 #include "player/pub/PlayerRegistry.h"
@@ -13,7 +14,6 @@ public:
     enum : UINT_PTR { TIMER_CLIENT_SWEEP = 2, TIMER_FOREGROUND = 100 };
     static const UINT kSweepPeriodMs = 2000;
     static const UINT kForegroundPeriodMs = 1000;
-    static const size_t kNameBuffer = MAX_PATH;
     // Of the close's deadline, what is kept for logging and ending the process.
     static const DWORD kCloseEndReserveMs = 200;
 
@@ -28,11 +28,8 @@ protected:
     void OnTimer(UINT_PTR nIDEvent);
     void OnClose();
 
-    // Carries out one request whose names lie in [pNames, pEnd): nothing at or beyond pEnd is
-    // read. A name without its NUL before pEnd ends the request; a name that does not fit the
-    // 260-byte buffer is passed over.
-    void DispatchRequest(LONG hClientWnd, const char* pNames, const char* pEnd, int nCount,
-                         UINT nFlags);
+    // Carries out one request, name by name in order.
+    void DispatchRequest(const Request& request);
 
     CWndHandleArray m_clients;
     BOOL m_bSweepTimerStarted;

@@ -17,8 +17,7 @@
 // literally, and resolves a relative name against its own working directory: stop a file by
 // the very name it was played under.
 
-#include <windows.h>
-
+#include <cstddef>
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
@@ -32,11 +31,19 @@ enum QuorbelRequestFlags : unsigned {
     REQ_IGNORE_FOREGROUND = 0x0010,  // never silence these plays when the client is not in front
 };
 
+// What one request may carry: the count has 8 bits, and a name must be shorter than the
+// buffer, NUL included.
+constexpr int kQuorbelMaxNames = 255;
+constexpr size_t kQuorbelNameBuffer = 260;
+
+#ifdef _WIN32
+#include <windows.h>
+
 class CQuorbelClient {
 public:
     static constexpr char kServerTitle[] = "Quorbel";
-    static constexpr int kMaxNames = 255;     // the count has 8 bits
-    static constexpr size_t kNameBuffer = 260;  // a name must be shorter, NUL included
+    static constexpr int kMaxNames = kQuorbelMaxNames;
+    static constexpr size_t kNameBuffer = kQuorbelNameBuffer;
     static constexpr DWORD kSendTimeoutMs = 30000;  // a stop waits for queued sound to play out
 
     // The data block of one request, grown name by name.
@@ -147,3 +154,4 @@ private:
 
     LONG m_hClientWnd;
 };
+#endif  // _WIN32
