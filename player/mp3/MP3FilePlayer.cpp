@@ -74,7 +74,7 @@ int CMP3FilePlayer::PlayFile(PlayRequest* pRequest) {
         // A looping pass that queued nothing (the first frame refused) would otherwise spin.
         if (outputAlive && stream.BatchesWritten() == 0 &&
             pRequest->bLoop.load(std::memory_order_relaxed)) {
-            Sleep(out.dwSleepMs > 0 ? out.dwSleepMs : 1);
+            SleepMs(out.dwSleepMs > 0 ? out.dwSleepMs : 1);
         }
     } while (outputAlive && pRequest->bLoop.load(std::memory_order_relaxed) != 0);
 

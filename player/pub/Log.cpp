@@ -12,17 +12,6 @@ const char kIndent[] = "                                   ";
 const size_t kIndentLength = sizeof(kIndent) - 1;
 static_assert(kIndentLength == 35, "further lines sit under the text of a 35-character prefix");
 
-class CLogLockHold {
-public:
-    explicit CLogLockHold(CLogLock& lock) : m_lock(lock) { m_lock.Enter(); }
-    ~CLogLockHold() { m_lock.Leave(); }
-    CLogLockHold(const CLogLockHold&) = delete;
-    CLogLockHold& operator=(const CLogLockHold&) = delete;
-
-private:
-    CLogLock& m_lock;
-};
-
 // Writes one line of an entry and its ending: a line break, and when more lines follow, the
 // indentation of the next one. A line that does not fit one piece together with its ending is
 // written in full pieces first; the caller holds the lock for the whole entry, so the pieces
@@ -82,7 +71,7 @@ int CLogFile::Log(const char* format, ...)
     LogFormat(message, kMessageSize - 1, format, args);
     va_end(args);
 
-    CLogLockHold hold(m_cs);
+    CLockGuard hold(m_cs);
 
     LogTime now;
     LogGetLocalTime(&now);
@@ -110,7 +99,7 @@ int CLogFile::Write(const char* text)
 
 int CLogFile::WriteToFile(const char* text)
 {
-    CLogLockHold hold(m_cs);
+    CLockGuard hold(m_cs);
     if (m_fp == nullptr) {
         // Text mode: line breaks become CRLF on Windows. A failed open is tried again by the
         // next piece, so the log appears once its location becomes writable.

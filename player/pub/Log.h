@@ -10,6 +10,7 @@
 #include <cstdio>
 
 #include "player/pub/LogPlatform.h"
+#include "player/pub/ThreadPlatform.h"
 
 class CLogFile {
 public:
@@ -35,7 +36,7 @@ public:
 protected:
     char m_szFileName[260];
     FILE* m_fp;
-    CLogLock m_cs;
+    CLock m_cs;
 };
 
 // The one log of the process. It is never destroyed: play threads may still log while the

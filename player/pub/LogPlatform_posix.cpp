@@ -1,6 +1,5 @@
 #include "player/pub/LogPlatform.h"
 
-#include <pthread.h>
 #include <sys/syscall.h>
 #include <sys/time.h>
 #include <time.h>
@@ -8,7 +7,6 @@
 
 #include <cstdio>
 #include <cstring>
-#include <new>
 
 const char kLogDefaultFileName[] = "./quorbel.log";
 
@@ -50,36 +48,4 @@ const char* LogFindLineFeed(const char* text)
 {
     // A line feed is never part of a multibyte sequence in UTF-8 or the usual DBCS pages.
     return strchr(text, '\n');
-}
-
-static_assert(sizeof(pthread_mutex_t) <= 64 && alignof(pthread_mutex_t) <= 8,
-              "CLogLock storage too small for a pthread_mutex_t");
-
-static pthread_mutex_t* Mutex(unsigned char* storage)
-{
-    return reinterpret_cast<pthread_mutex_t*>(storage);
-}
-
-CLogLock::CLogLock()
-{
-    pthread_mutexattr_t attr;
-    pthread_mutexattr_init(&attr);
-    pthread_mutexattr_settype(&attr, PTHREAD_MUTEX_RECURSIVE);
-    pthread_mutex_init(new (m_storage) pthread_mutex_t, &attr);
-    pthread_mutexattr_destroy(&attr);
-}
-
-CLogLock::~CLogLock()
-{
-    pthread_mutex_destroy(Mutex(m_storage));
-}
-
-void CLogLock::Enter()
-{
-    pthread_mutex_lock(Mutex(m_storage));
-}
-
-void CLogLock::Leave()
-{
-    pthread_mutex_unlock(Mutex(m_storage));
 }

@@ -4,7 +4,6 @@
 
 #include <cstdio>
 #include <mbstring.h>
-#include <new>
 
 const char kLogDefaultFileName[] = ".\\quorbel.log";
 
@@ -40,32 +39,4 @@ const char* LogFindLineFeed(const char* text)
 {
     return reinterpret_cast<const char*>(
         _mbschr(reinterpret_cast<const unsigned char*>(text), '\n'));
-}
-
-static_assert(sizeof(CRITICAL_SECTION) <= 64 && alignof(CRITICAL_SECTION) <= 8,
-              "CLogLock storage too small for a CRITICAL_SECTION");
-
-static CRITICAL_SECTION* Section(unsigned char* storage)
-{
-    return reinterpret_cast<CRITICAL_SECTION*>(storage);
-}
-
-CLogLock::CLogLock()
-{
-    InitializeCriticalSection(new (m_storage) CRITICAL_SECTION);
-}
-
-CLogLock::~CLogLock()
-{
-    DeleteCriticalSection(Section(m_storage));
-}
-
-void CLogLock::Enter()
-{
-    EnterCriticalSection(Section(m_storage));
-}
-
-void CLogLock::Leave()
-{
-    LeaveCriticalSection(Section(m_storage));
 }

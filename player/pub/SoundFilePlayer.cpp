@@ -1,55 +1,33 @@
 #include "player/pub/SoundFilePlayer.h"
 
-#include <mbstring.h>
-
 #include <cstring>
 #include <new>
 
 #include "player/pub/Log.h"
+#include "player/pub/PlayListPlatform.h"
 #include "player/pub/WavOut.h"
 
 namespace {
 
 const char kUnitPath[] = "player/pub/SoundFilePlayer";
 
-// Holds a critical section for one scope.
-class CSectionLock {
-public:
-    explicit CSectionLock(CRITICAL_SECTION& cs) : m_cs(cs) { EnterCriticalSection(&m_cs); }
-    ~CSectionLock() { LeaveCriticalSection(&m_cs); }
-    CSectionLock(const CSectionLock&) = delete;
-    CSectionLock& operator=(const CSectionLock&) = delete;
-
-private:
-    CRITICAL_SECTION& m_cs;
-};
-
-bool SameName(const char* a, const char* b) {
-    return _mbsicmp(reinterpret_cast<const unsigned char*>(a),
-                    reinterpret_cast<const unsigned char*>(b)) == 0;
-}
-
 }  // namespace
 
 CSoundFilePlayer::CSoundFilePlayer()
-    : m_dwForegroundPid(0), m_nForegroundSerial(0), m_bClosing(false), m_nPlayThreads(0) {
-    InitializeCriticalSection(&m_csPlaying);
-}
+    : m_dwForegroundPid(0), m_nForegroundSerial(0), m_bClosing(false), m_nPlayThreads(0) {}
 
-CSoundFilePlayer::~CSoundFilePlayer() {
-    DeleteCriticalSection(&m_csPlaying);
-    // The list holds pointers only; the records belong to their threads.
-}
+// The list holds pointers only; the records belong to their threads.
+CSoundFilePlayer::~CSoundFilePlayer() {}
 
-int CSoundFilePlayer::Play(LONG hClientWnd, const char* pszFileName, uint32_t bLoop,
-                           DWORD dwForegroundPid) {
+int CSoundFilePlayer::Play(int32_t hClientWnd, const char* pszFileName, uint32_t bLoop,
+                           uint32_t dwForegroundPid) {
     if (pszFileName == nullptr) return 0;
     // A longer name cannot be kept whole, and a cut name could be another file.
     size_t length = strnlen(pszFileName, sizeof(PlayRequest::szFileName));
     if (length >= sizeof(PlayRequest::szFileName)) return 0;
 
     {
-        CSectionLock lock(m_csPlaying);
+        CLockGuard lock(m_csPlaying);
         if (m_bClosing) return 0;
     }
 
@@ -62,8 +40,7 @@ int CSoundFilePlayer::Play(LONG hClientWnd, const char* pszFileName, uint32_t bL
     request->pPlayer = this;
     request->pWavOut = nullptr;
 
-    DWORD pid = 0;
-    if (hClientWnd != 0) GetWindowThreadProcessId(static_cast<HWND>(LongToHandle(hClientWnd)), &pid);
+    const uint32_t pid = ClientProcessId(hClientWnd);
     request->dwClientPid = pid;
 
     request->bFollowForeground = dwForegroundPid != 0 ? 1 : 0;
@@ -73,17 +50,15 @@ int CSoundFilePlayer::Play(LONG hClientWnd, const char* pszFileName, uint32_t bL
 
     // Counted before the thread exists, so that a close waiting for the count cannot miss it.
     m_nPlayThreads.fetch_add(1);
-    HANDLE thread = CreateThread(nullptr, 0, &CSoundFilePlayer::PlayThreadProc, request, 0, nullptr);
-    if (thread == nullptr) {
+    if (!StartThread(&CSoundFilePlayer::PlayThreadProc, request)) {
         m_nPlayThreads.fetch_sub(1);
         delete request;
         return 0;
     }
-    CloseHandle(thread);  // nobody waits for a play thread
     return 1;
 }
 
-DWORD WINAPI CSoundFilePlayer::PlayThreadProc(LPVOID pParam) {
+void CSoundFilePlayer::PlayThreadProc(void* pParam) {
     PlayRequest* request = static_cast<PlayRequest*>(pParam);
     CSoundFilePlayer* player = request->pPlayer;
     try {
@@ -97,7 +72,6 @@ DWORD WINAPI CSoundFilePlayer::PlayThreadProc(LPVOID pParam) {
     delete request;
     // The last touch of the player: once the count is 0 the player may be destroyed.
     player->m_nPlayThreads.fetch_sub(1);
-    return 0;
 }
 
 int CSoundFilePlayer::StartListedPlay(PlayRequest* pRequest, CWavOut* pOut) {
@@ -111,7 +85,7 @@ int CSoundFilePlayer::StartListedPlay(PlayRequest* pRequest, CWavOut* pOut) {
 }
 
 int CSoundFilePlayer::AddPlaying(PlayRequest* pRequest) {
-    CSectionLock lock(m_csPlaying);
+    CLockGuard lock(m_csPlaying);
     if (m_bClosing) return 0;
     // A foreground change reported while this play was still opening would otherwise be lost:
     // the timer reports changes only.
@@ -125,24 +99,24 @@ int CSoundFilePlayer::AddPlaying(PlayRequest* pRequest) {
 
 void CSoundFilePlayer::RemovePlaying(PlayRequest* pRequest) {
     // Waits while a stop is working on the list, so the record and its device outlive it.
-    CSectionLock lock(m_csPlaying);
+    CLockGuard lock(m_csPlaying);
     m_playing.remove(pRequest);
 }
 
-void CSoundFilePlayer::StopFile(LONG hClientWnd, const char* pszFileName) {
+void CSoundFilePlayer::StopFile(int32_t hClientWnd, const char* pszFileName) {
     StopSelected(kSelectFile, hClientWnd, pszFileName);
 }
 
-void CSoundFilePlayer::StopOtherFiles(LONG hClientWnd, const char* pszFileName) {
+void CSoundFilePlayer::StopOtherFiles(int32_t hClientWnd, const char* pszFileName) {
     StopSelected(kSelectOtherFiles, hClientWnd, pszFileName);
 }
 
-void CSoundFilePlayer::StopClient(LONG hClientWnd) {
+void CSoundFilePlayer::StopClient(int32_t hClientWnd) {
     StopSelected(kSelectClient, hClientWnd, nullptr);
 }
 
 void CSoundFilePlayer::StopAllForClose() {
-    CSectionLock lock(m_csPlaying);
+    CLockGuard lock(m_csPlaying);
     m_bClosing = true;
     // Every play of every client is halted at once and none is waited for here: the close
     // waits for all the play threads together, against one deadline.
@@ -152,24 +126,25 @@ void CSoundFilePlayer::StopAllForClose() {
     }
 }
 
-void CSoundFilePlayer::StopSelected(StopSelect select, LONG hClientWnd, const char* pszFileName) {
+void CSoundFilePlayer::StopSelected(StopSelect select, int32_t hClientWnd,
+                                    const char* pszFileName) {
     if ((select == kSelectFile || select == kSelectOtherFiles) && pszFileName == nullptr) return;
     // The lock is held across the stops: a play that ends meanwhile waits in RemovePlaying
     // before it closes its device and frees its record. That cannot deadlock, because draining
     // a device never needs its play thread. Holding the lock also keeps the list unchanged, so
     // the selected plays are stopped straight from it, in the order they joined.
     try {
-        CSectionLock lock(m_csPlaying);
+        CLockGuard lock(m_csPlaying);
         for (PlayRequest* request : m_playing) {
             bool selected = false;
             switch (select) {
                 case kSelectFile:
                     selected = request->hClientWnd == hClientWnd &&
-                               SameName(request->szFileName, pszFileName);
+                               SameFileName(request->szFileName, pszFileName);
                     break;
                 case kSelectOtherFiles:
                     selected = request->hClientWnd == hClientWnd &&
-                               !SameName(request->szFileName, pszFileName);
+                               !SameFileName(request->szFileName, pszFileName);
                     break;
                 case kSelectClient:
                     selected = request->hClientWnd == hClientWnd;
@@ -185,8 +160,8 @@ void CSoundFilePlayer::StopSelected(StopSelect select, LONG hClientWnd, const ch
     }
 }
 
-void CSoundFilePlayer::SetForegroundProcess(DWORD dwPid) {
-    CSectionLock lock(m_csPlaying);
+void CSoundFilePlayer::SetForegroundProcess(uint32_t dwPid) {
+    CLockGuard lock(m_csPlaying);
     m_dwForegroundPid = dwPid;
     ++m_nForegroundSerial;
     for (PlayRequest* request : m_playing) {
@@ -196,15 +171,15 @@ void CSoundFilePlayer::SetForegroundProcess(DWORD dwPid) {
 }
 
 int CSoundFilePlayer::PlayingCount() {
-    CSectionLock lock(m_csPlaying);
+    CLockGuard lock(m_csPlaying);
     return static_cast<int>(m_playing.size());
 }
 
-int CSoundFilePlayer::WaitForPlayThreads(DWORD dwTimeoutMs) {
-    DWORD start = GetTickCount();
+int CSoundFilePlayer::WaitForPlayThreads(uint32_t dwTimeoutMs) {
+    uint64_t start = TickMs();
     while (m_nPlayThreads.load() > 0) {
-        if (GetTickCount() - start >= dwTimeoutMs) return 0;
-        Sleep(20);
+        if (TickMs() - start >= dwTimeoutMs) return 0;
+        SleepMs(20);
     }
     return 1;
 }

@@ -2,21 +2,21 @@
 // The base of the players: turns a play request into a record and a detached play thread, keeps
 // the list of plays that are sounding, and carries out the commands that act on running plays
 // (stops, foreground changes). What a play does with its file is the derived class's PlayFile.
-// Windows only.
-
-#include <windows.h>
+// Its system calls are ThreadPlatform.h's and PlayListPlatform.h's.
 
 #include <atomic>
 #include <cstdint>
 #include <list>
+
+#include "player/pub/ThreadPlatform.h"
 
 class CSoundFilePlayer;
 class CWavOut;
 
 // One accepted play. Belongs to its play thread, which frees it when PlayFile has returned.
 struct PlayRequest {
-    LONG hClientWnd;              // the client window, kept as its 32 bits
-    DWORD dwClientPid;            // owner of hClientWnd when the request was made; 0 for none
+    int32_t hClientWnd;           // the client window, kept as its 32 bits
+    uint32_t dwClientPid;           // owner of hClientWnd when the request was made; 0 for none
     uint32_t bFollowForeground;   // 1: silenced while the client's process is not in front
     CSoundFilePlayer* pPlayer;    // runs the play
     CWavOut* pWavOut;             // set by PlayFile before AddPlaying
@@ -38,17 +38,18 @@ public:
     virtual int PlayFile(PlayRequest* pRequest) = 0;
 
     // Main thread. Non-zero when the play thread was started.
-    int Play(LONG hClientWnd, const char* pszFileName, uint32_t bLoop, DWORD dwForegroundPid);
-    void StopFile(LONG hClientWnd, const char* pszFileName);
-    void StopOtherFiles(LONG hClientWnd, const char* pszFileName);
-    void StopClient(LONG hClientWnd);
-    void SetForegroundProcess(DWORD dwPid);
+    int Play(int32_t hClientWnd, const char* pszFileName, uint32_t bLoop,
+             uint32_t dwForegroundPid);
+    void StopFile(int32_t hClientWnd, const char* pszFileName);
+    void StopOtherFiles(int32_t hClientWnd, const char* pszFileName);
+    void StopClient(int32_t hClientWnd);
+    void SetForegroundProcess(uint32_t dwPid);
 
     // Closing: refuses every later play and join, and halts every running play of every client
     // without waiting for its sound. Main thread.
     void StopAllForClose();
     // 1 when no play thread of this player is alive any more, waiting at most dwTimeoutMs.
-    int WaitForPlayThreads(DWORD dwTimeoutMs);
+    int WaitForPlayThreads(uint32_t dwTimeoutMs);
     long LivePlayThreads() const { return m_nPlayThreads.load(); }
     // How many plays are listed now.
     int PlayingCount();
@@ -86,14 +87,14 @@ protected:
 private:
     enum StopSelect { kSelectFile, kSelectOtherFiles, kSelectClient };
 
-    void StopSelected(StopSelect select, LONG hClientWnd, const char* pszFileName);
-    static DWORD WINAPI PlayThreadProc(LPVOID pParam);
+    void StopSelected(StopSelect select, int32_t hClientWnd, const char* pszFileName);
+    static void PlayThreadProc(void* pParam);
 
     std::list<PlayRequest*> m_playing;
-    CRITICAL_SECTION m_csPlaying;
+    CLock m_csPlaying;
     // The last foreground process reported, and how many reports there were, so that a play
     // that joins after a report it did not see takes the current state (under m_csPlaying).
-    DWORD m_dwForegroundPid;
+    uint32_t m_dwForegroundPid;
     uint32_t m_nForegroundSerial;
     bool m_bClosing;  // under m_csPlaying
     std::atomic<long> m_nPlayThreads;

@@ -1,6 +1,6 @@
 #pragma once
-// PCM output on the default waveOut device through a fixed ring of buffers.
-// Windows only.
+// PCM output on the default wave device through a fixed ring of buffers. The device itself is
+// WavOutPlatform.h's.
 //
 // The owner (a play thread) does Open, Write..., WaitForBuffers, Close. From other threads only
 // Halt, Stop and the bSilent flag are used. Every wait is bounded, so a sound path that stops
@@ -8,12 +8,12 @@
 // buffers do not come back within WaitLimitMs is given up, and closing it may not block its
 // owner either.
 
-#include <windows.h>
-#include <mmsystem.h>
-
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
+
+#include "player/pub/ThreadPlatform.h"
+#include "player/pub/WavOutPlatform.h"
 
 struct WavOutParams {
     int32_t nChannels;
@@ -21,18 +21,6 @@ struct WavOutParams {
     int32_t nBitsPerSample;
     int32_t nBufferCount;  // below 1: 8
     int32_t nBufferSize;   // below 1: 4096
-};
-
-// The steps that tests replace to make an allocation or the preparation of a buffer fail, or the
-// done notification throw, and that the latency benchmark replaces to time the first queued
-// buffer. They default to the real functions (pfnOnDone to null); change them only while no
-// CWavOut is open.
-struct WavOutHooks {
-    void* (*pfnCalloc)(size_t count, size_t size);
-    void (*pfnFree)(void* block);
-    MMRESULT(WINAPI* pfnPrepareHeader)(HWAVEOUT hwo, LPWAVEHDR header, UINT size);
-    void (*pfnOnDone)(WAVEHDR* header);
-    MMRESULT(WINAPI* pfnWrite)(HWAVEOUT hwo, LPWAVEHDR header, UINT size);
 };
 
 class CWavOut {
@@ -83,21 +71,19 @@ public:
     static constexpr int32_t kMaxOpenDevices = 63;
     // How long Close waits for a given-up device to close before leaving it open.
     static constexpr uint32_t kGivenUpCloseMs = 1000;
-    // Bit 31 of a header's dwUser: the buffer is queued on the device.
-    static constexpr DWORD_PTR kQueuedMark = 0x80000000;
-
-    static WavOutHooks hooks;
+    // The device's notification of a finished buffer (see WaveDeviceDone).
+    static void OnDeviceDone(uintptr_t instance, uintptr_t systemBuffer);
 
     int32_t nChannels;
     int32_t nSamplesPerSec;
     int32_t nBitsPerSample;
     int32_t nBufferCount;
     int32_t nBufferSize;
-    HWAVEOUT hWaveOut;
-    WAVEHDR* pHeaders;
+    WaveDevice hWaveOut;
+    WaveBuffer* pHeaders;
     int32_t nNextBuffer;  // -1: stopped
     uint32_t dwSleepMs;
-    CRITICAL_SECTION csLock;
+    CLock csLock;  // guards nNextBuffer and the buffers' queued marks
     // Written by other threads, read by the writer once per buffer.
     std::atomic<int32_t> bSilent;
 
@@ -105,17 +91,15 @@ private:
     int OpenDevice();
     int PrepareBuffers();
     int ResetQueue();
-    WAVEHDR* GetFreeBuffer();
+    WaveBuffer* GetFreeBuffer();
     int AnyQueued();
     int WaitUntilNoneQueued(uint32_t limitMs);
     // Marks the device given up and logs the message of the wait that timed out, once.
     void GiveUp(int line, const char* what);
     void CloseGivenUp();
     void ReportCallbackFaults();
-    void OnWaveOutDone(WAVEHDR* header);
-    static void CALLBACK WaveOutProc(HWAVEOUT hwo, UINT msg, DWORD_PTR instance, DWORD_PTR param1,
-                                     DWORD_PTR param2);
-    static DWORD WINAPI CloserProc(LPVOID param);
+    void OnWaveOutDone(WaveBuffer* buffer);
+    static void CloserProc(void* param);
 
     uint32_t dwWaitLimitMs;
     // The device's place among the process's open devices (-1 none); the device's callbacks

@@ -64,7 +64,7 @@ int CWavFilePlayer::PlayFile(PlayRequest* pRequest) {
         }
         // A pass that queued nothing would otherwise spin at full speed while looping.
         if (outputAlive && passBytes == 0 && pRequest->bLoop.load(std::memory_order_relaxed)) {
-            Sleep(out.dwSleepMs > 0 ? out.dwSleepMs : 1);
+            SleepMs(out.dwSleepMs > 0 ? out.dwSleepMs : 1);
         }
         // A stop clears bLoop before it stops the output; a refused write also ends a loop,
         // since a dead device would refuse every later pass at once.

@@ -1,0 +1,165 @@
+#include "FakeWaveDevice.h"
+
+#include <chrono>
+#include <condition_variable>
+#include <cstdlib>
+#include <deque>
+#include <mutex>
+#include <stdexcept>
+#include <thread>
+
+#include "player/pub/WavOutPlatform.h"
+
+namespace {
+
+std::mutex g_mutex;  // guards everything below and every device's queue
+std::condition_variable g_changed;
+fake_wave::Script g_script;
+int g_allocs, g_prepares, g_writes, g_open, g_pending;
+bool g_released;
+std::vector<std::string> g_written;
+
+struct Device {
+    uintptr_t instance;
+    std::deque<WaveBuffer*> queue;
+    bool closing = false;
+    std::thread player;
+};
+
+// Reports done outside the lock, as a system's callback thread would.
+void Report(Device* device, std::deque<WaveBuffer*> done) {
+    for (WaveBuffer* buffer : done) {
+        WaveDeviceDone(device->instance, reinterpret_cast<uintptr_t>(buffer));
+        std::lock_guard<std::mutex> lock(g_mutex);
+        --g_pending;
+    }
+}
+
+void Play(Device* device) {
+    std::unique_lock<std::mutex> lock(g_mutex);
+    for (;;) {
+        g_changed.wait(lock, [&] {
+            return device->closing || (!device->queue.empty() && (!g_script.hold || g_released));
+        });
+        if (device->closing) return;
+        const uint32_t micros = g_script.playMicros;
+        lock.unlock();
+        std::this_thread::sleep_for(std::chrono::microseconds(micros));
+        lock.lock();
+        if (device->queue.empty()) continue;  // reset meanwhile
+        std::deque<WaveBuffer*> done(1, device->queue.front());
+        device->queue.pop_front();
+        lock.unlock();
+        Report(device, done);
+        lock.lock();
+    }
+}
+
+Device* Of(WaveDevice device) { return reinterpret_cast<Device*>(device); }
+
+}  // namespace
+
+namespace fake_wave {
+
+void Reset(const Script& script) {
+    std::lock_guard<std::mutex> lock(g_mutex);
+    g_script = script;
+    g_allocs = g_prepares = g_writes = 0;
+    g_released = false;
+    g_written.clear();
+}
+
+void Release() {
+    std::lock_guard<std::mutex> lock(g_mutex);
+    g_released = true;
+    g_changed.notify_all();
+}
+
+std::vector<std::string> Written() {
+    std::lock_guard<std::mutex> lock(g_mutex);
+    return g_written;
+}
+
+int OpenDevices() {
+    std::lock_guard<std::mutex> lock(g_mutex);
+    return g_open;
+}
+
+int Pending() {
+    std::lock_guard<std::mutex> lock(g_mutex);
+    return g_pending;
+}
+
+}  // namespace fake_wave
+
+uint32_t WaveOpen(WaveDevice* device, const WaveFormat&, uintptr_t instance) {
+    *device = 0;
+    std::lock_guard<std::mutex> lock(g_mutex);
+    if (g_script.refuseOpen) return fake_wave::kError;
+    Device* made = new Device{instance, {}, false, {}};
+    made->player = std::thread(&Play, made);
+    ++g_open;
+    *device = reinterpret_cast<WaveDevice>(made);
+    return 0;
+}
+
+uint32_t WavePrepare(WaveDevice, WaveBuffer*) {
+    std::lock_guard<std::mutex> lock(g_mutex);
+    return ++g_prepares == g_script.failPrepareAt ? fake_wave::kError : 0;
+}
+
+uint32_t WaveUnprepare(WaveDevice, WaveBuffer*) { return 0; }
+
+uint32_t WaveWrite(WaveDevice device, WaveBuffer* buffer) {
+    std::lock_guard<std::mutex> lock(g_mutex);
+    if (++g_writes == g_script.failWriteAt) return fake_wave::kError;
+    g_written.emplace_back(buffer->pData, buffer->nLength);
+    ++g_pending;
+    Of(device)->queue.push_back(buffer);
+    g_changed.notify_all();
+    return 0;
+}
+
+uint32_t WaveReset(WaveDevice device) {
+    std::unique_lock<std::mutex> lock(g_mutex);
+    if (g_script.hold && !g_released) return 0;
+    std::deque<WaveBuffer*> done;
+    done.swap(Of(device)->queue);
+    lock.unlock();
+    Report(Of(device), done);
+    return 0;
+}
+
+uint32_t WaveClose(WaveDevice device) {
+    Device* closing = Of(device);
+    {
+        std::unique_lock<std::mutex> lock(g_mutex);
+        g_changed.wait(lock, [] { return !g_script.holdClose || g_released; });
+        closing->closing = true;
+        --g_open;
+        g_changed.notify_all();
+    }
+    closing->player.join();
+    delete closing;
+    return 0;
+}
+
+void* WaveAlloc(size_t size) {
+    {
+        std::lock_guard<std::mutex> lock(g_mutex);
+        if (++g_allocs == g_script.failAllocAt) return nullptr;
+    }
+    return std::calloc(1, size);
+}
+
+void WaveFree(void* block) { std::free(block); }
+
+WaveBuffer* WaveDoneBuffer(uintptr_t systemBuffer) {
+    bool fault;
+    {
+        std::lock_guard<std::mutex> lock(g_mutex);
+        fault = g_script.throwInDone;
+    }
+    if (fault) throw std::runtime_error("fault in the device callback");
+    return reinterpret_cast<WaveBuffer*>(systemBuffer);
+}
