@@ -1,76 +1,106 @@
 #pragma once
-// Shared by the decoding tests: the player's walk into memory, sample comparison, files and
-// external commands.
+// What the decoding tests share: this system's decoding of a file, frame by frame or by the
+// player's walk; PCM against a reference negated (this system's output is the negative of the
+// standard's); external commands.
 
-#include <cstddef>
-#include <cstdint>
-#include <filesystem>
+#include <sys/wait.h>
+
+#include <algorithm>
+#include <cmath>
+#include <cstdio>
+#include <cstdlib>
+#include <memory>
 #include <string>
 #include <vector>
 
-// One pass of the MP3 player's walk over a file, as the output would have received it.
-struct DecodedStream {
-    int channels = 0;
-    int sampleRate = 0;
-    int version = 0;
-    uint32_t frameBytes = 0;          // PCM bytes per frame
-    int32_t bitrate = 0;              // the stream information's: 0 when a VBR header was found
-    int32_t totalFrames = 0;
-    std::vector<int16_t> pcm;         // every batch of the pass, back to back
-    std::vector<uint8_t> skipped;     // per decoded frame: 1 when it wrote no PCM for want of
-                                      // reservoir data
-    std::vector<size_t> offsets;      // per decoded frame: its offset in the file
-    size_t shortGranules = 0;         // granule-channels coded with short blocks
-    size_t msFrames = 0;              // frames with mid/side stereo
-    uint32_t refusedError = 0;        // the code of the frame that ended the pass, or 0
+#include "player/mp3/MP3Stream.h"
+#include "player/mp3/decoder/DecoderTables.h"
+#include "tests/support/TestSupport.h"
+
+struct Decoded {
+    int channels = 0, rate = 0, version = 0;
+    int32_t bitrate = 0, totalFrames = 0;  // bitrate 0: a VBR header gave the total
+    size_t frames = 0, skipped = 0, shortGranules = 0, msFrames = 0;
+    std::vector<int16_t> pcm;
 };
 
-// Opens the file with this system's scanner and decoder and runs one pass. False with a
-// reason when the file cannot be played.
-bool DecodeWithWalk(const std::string& path, DecodedStream* out, std::string* error);
+inline void AppendSamples(std::vector<int16_t>& to, const uint8_t* bytes, size_t n) {
+    for (size_t i = 0; i + 1 < n; i += 2) to.push_back(int16_t(bytes[i] | bytes[i + 1] << 8));
+}
+inline std::vector<int16_t> Samples(const std::string& bytes) {
+    std::vector<int16_t> s;
+    AppendSamples(s, reinterpret_cast<const uint8_t*>(bytes.data()), bytes.size());
+    return s;
+}
 
-// The frames one after another by the decoder's own frame length, without the scanner: each
-// frame's PCM in a block of its own, zeroed first. Shows what the decoder makes of a stream
-// whose headers the scanner would not all accept.
-bool DecodeFrameByFrame(const std::string& path, DecodedStream* out, std::string* error);
+// The frames one after another by the decoder's own lengths, from the scanner's first frame on
+// (the walk would leave l3-hecommon at the reserved emphasis the scanner refuses): the PCM of
+// each frame that had its reservoir data.
+inline bool DecodeFrames(const std::string& path, Decoded* out) {
+    InitDecoderTables();
+    CMP3File file;
+    auto d = std::make_unique<CMP3Decoder>();
+    MP3StreamInfo info{};
+    const uint8_t* end = file.Open(path.c_str()) ? file.pView + file.dwSize : nullptr;
+    if (!end || !d->StartDecoder(file.pFirstFrame, int32_t(end - file.pFirstFrame), &info)) return false;
+    out->channels = info.outChannels, out->rate = info.outSampleRate;
+    std::vector<uint8_t> block(size_t(info.outFrameBytes));
+    MP3FrameIO io{};
+    for (const uint8_t* f = file.pFirstFrame; f < end; f += io.inLength, ++out->frames) {
+        io.inData = f, io.inLength = int32_t(end - f), io.outData = block.data();
+        if (!d->DecodeFrame(&io)) break;
+        if (d->ReservoirStart < 0) ++out->skipped;
+        else AppendSamples(out->pcm, block.data(), block.size());
+    }
+    return true;
+}
 
-// The decoded PCM without the frames that wrote none.
-std::vector<int16_t> WithoutSkippedFrames(const DecodedStream& stream);
+// One pass of the player's walk to the stream's end: the batches as handed out, and what the
+// frames held.
+inline bool DecodeWalk(const std::string& path, Decoded* out) {
+    InitDecoderTables();
+    CMP3Stream walk;
+    if (!walk.Open(path.c_str())) return false;
+    const MP3StreamInfo& info = walk.StreamInfo();
+    out->channels = info.outChannels, out->rate = info.outSampleRate, out->version = int(info.version);
+    out->bitrate = info.bitrate, out->totalFrames = info.totalFrames;
+    const auto batch = [](void* o, const uint8_t* pcm, uint32_t n) {
+        return AppendSamples(static_cast<Decoded*>(o)->pcm, pcm, n), 1;
+    };
+    const auto frame = [](void* o, const MP3FrameIO& io, const CMP3Decoder& d) {
+        Decoded& s = *static_cast<Decoded*>(o);
+        ++s.frames, s.skipped += d.ReservoirStart < 0, s.msFrames += d.MsStereo;
+        for (uint32_t gr = 0; gr < (io.version == 1 ? 2u : 1u); ++gr)
+            for (int ch = 0; ch < d.ChannelCount; ++ch)
+                s.shortGranules += d.GranuleInfo[io.version == 1 ? gr : d.GranuleToggle ^ 1][ch].block_type == 2;
+    };
+    return walk.Pass(batch, out, frame, out) == 1 && walk.RefusedError() == 0;
+}
 
-// Differences of ours against a reference negated: ours[i] + reference[i] (this decoder's
-// output is the negative of the standard's).
-struct DiffStats {
-    size_t count = 0;
-    int maxAbs = 0;
+struct Diff {
+    int max = 0;
     double rms = 0;
-    size_t overOne = 0;  // samples that differ by more than 1
-    size_t firstOverOne = 0;
 };
-DiffStats CompareNegated(const int16_t* ours, const int16_t* reference, size_t count);
+inline Diff Negated(const int16_t* ours, const int16_t* reference, size_t n) {
+    Diff diff;
+    double sum = 0;
+    for (size_t i = 0; i < n; ++i) {
+        const int d = ours[i] + reference[i];
+        diff.max = std::max(diff.max, std::abs(d));
+        sum += double(d) * d;
+    }
+    diff.rms = n ? std::sqrt(sum / double(n)) : 0.0;
+    return diff;
+}
 
-// The offset d (ours[i + d] against reference[i], in samples) within [minOffset, maxOffset]
-// that makes the most samples of a window agree within 1; steps of channels keep frames of
-// interleaved channels paired.
-long FindNegatedAlignment(const std::vector<int16_t>& ours, const std::vector<int16_t>& reference,
-                          long minOffset, long maxOffset, int channels, size_t window);
-
-std::vector<int16_t> ReadPcm(const std::filesystem::path& path);
-bool WriteBytes(const std::filesystem::path& path, const std::vector<uint8_t>& bytes);
-std::vector<uint8_t> ReadBytes(const std::filesystem::path& path);
-
-// Runs a shell command with its output captured into *output; returns the exit status.
-int RunCommand(const std::string& command, std::string* output);
-std::string Quote(const std::filesystem::path& path);
-
-// A fresh directory removed with everything in it when the object goes.
-class TempDirectory {
-public:
-    explicit TempDirectory(const std::string& prefix);
-    ~TempDirectory();
-    TempDirectory(const TempDirectory&) = delete;
-    TempDirectory& operator=(const TempDirectory&) = delete;
-    const std::filesystem::path& Path() const { return m_path; }
-
-private:
-    std::filesystem::path m_path;
-};
+// A shell command's exit status, its output (with its errors) in *output.
+inline int Shell(const std::string& command, std::string* output) {
+    output->clear();
+    FILE* pipe = popen((command + " 2>&1").c_str(), "r");
+    if (!pipe) return -1;
+    char buffer[4096];
+    for (size_t n; (n = fread(buffer, 1, sizeof buffer, pipe)) > 0;) output->append(buffer, n);
+    const int status = pclose(pipe);
+    return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+}
+inline std::string Quote(const std::string& s) { return "'" + s + "'"; }  // the tests' paths hold no quote

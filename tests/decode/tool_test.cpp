@@ -1,138 +1,75 @@
-// quorbel-decode end to end: it writes byte for byte what the player's walk hands out, as WAV or
-// raw PCM, and answers a file it cannot play, wrong arguments and an output it cannot create with
-// their exit codes. What the walk hands out is the conformance and walk tests' concern; the
-// scanner's own log lines are the scanner tests'.
+// quorbel-decode end to end, for what no other test sees: the WAV file around the walk's PCM,
+// raw output, the exit codes with their messages and log lines, and (through the tool) that a
+// frame skipped for want of reservoir data keeps what the block held there from the batch
+// before: the PCM of the frame ten earlier.
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
-#include <cstring>
-#include <string>
-#include <vector>
+#include <filesystem>
 
 #include "decode_support.h"
-#include "player/mp3/decoder/DecoderTables.h"
-
-namespace fs = std::filesystem;
 
 namespace {
 
-// The walk expects the decoder's tables, as the MP3 player builds them at its construction.
-const bool kTablesBuilt = (InitDecoderTables(), true);
+using test_support::Bytes;
 
 const std::string kConformance = std::string(QUORBEL_SHARED_DATA_DIR) + "/conformance/";
 
-uint32_t Le32(const std::vector<uint8_t>& b, size_t at)
-{
-    return b[at] | (b[at + 1] << 8) | (b[at + 2] << 16) | (static_cast<uint32_t>(b[at + 3]) << 24);
-}
-
-uint32_t Le16(const std::vector<uint8_t>& b, size_t at) { return b[at] | (b[at + 1] << 8); }
-
-std::vector<uint8_t> AsBytes(const std::vector<int16_t>& pcm)
-{
-    std::vector<uint8_t> bytes(pcm.size() * 2);
-    for (size_t i = 0; i < pcm.size(); ++i) {
-        bytes[2 * i] = static_cast<uint8_t>(pcm[i] & 0xFF);
-        bytes[2 * i + 1] = static_cast<uint8_t>((pcm[i] >> 8) & 0xFF);
-    }
-    return bytes;
-}
-
-// Runs the tool in its own working directory, where its log lands.
 class QuorbelDecode : public ::testing::Test {
 protected:
-    QuorbelDecode() : m_dir("quorbel-decode-tool") {}
-
-    int Tool(const std::string& arguments, std::string* output)
-    {
-        return RunCommand("cd " + Quote(m_dir.Path()) + " && " + Quote(QUORBEL_DECODE_PATH) + " " + arguments,
-                          output);
+    // Runs in the folder, where the log lands.
+    int Tool(const std::string& arguments) {
+        return Shell("cd " + Quote(dir.Path("")) + " && " + Quote(QUORBEL_DECODE_PATH) + " " + arguments, &output);
     }
-
-    std::string Log() const
-    {
-        const std::vector<uint8_t> bytes = ReadBytes(m_dir.Path() / "quorbel.log");
-        return std::string(bytes.begin(), bytes.end());
-    }
-
-    TempDirectory m_dir;
+    test_support::TempFolder dir;
+    std::string output;
 };
 
-TEST_F(QuorbelDecode, WritesTheWalksPcmAsWavAndRaw)
-{
-    struct Case {
-        const char* stream;
-        uint32_t channels;
-        uint32_t rate;
-    };
-    const Case cases[] = {{"l3-compl", 1, 48000}, {"M2L3_noise", 2, 22050}};
-    for (const Case& c : cases) {
-        const std::string in = kConformance + c.stream + ".bit";
-        std::string output;
-        ASSERT_EQ(0, Tool(Quote(in) + " out.wav", &output)) << output;
-        ASSERT_EQ(0, Tool("--raw " + Quote(in) + " out.raw", &output)) << output;
-
-        DecodedStream walk;
-        std::string error;
-        ASSERT_TRUE(DecodeWithWalk(in, &walk, &error)) << error;
-        const std::vector<uint8_t> pcm = AsBytes(walk.pcm);
-
-        const std::vector<uint8_t> wav = ReadBytes(m_dir.Path() / "out.wav");
-        ASSERT_EQ(44 + pcm.size(), wav.size()) << c.stream;
-        EXPECT_EQ(0, memcmp(wav.data(), "RIFF", 4));
-        EXPECT_EQ(36 + pcm.size(), Le32(wav, 4));
-        EXPECT_EQ(0, memcmp(wav.data() + 8, "WAVEfmt ", 8));
-        EXPECT_EQ(16u, Le32(wav, 16));
-        EXPECT_EQ(1u, Le16(wav, 20));
-        EXPECT_EQ(c.channels, Le16(wav, 22));
-        EXPECT_EQ(c.rate, Le32(wav, 24));
-        EXPECT_EQ(c.rate * c.channels * 2, Le32(wav, 28));
-        EXPECT_EQ(c.channels * 2, Le16(wav, 32));
-        EXPECT_EQ(16u, Le16(wav, 34));
-        EXPECT_EQ(0, memcmp(wav.data() + 36, "data", 4));
-        EXPECT_EQ(pcm.size(), Le32(wav, 40));
-        EXPECT_TRUE(std::equal(pcm.begin(), pcm.end(), wav.begin() + 44)) << c.stream;
-        EXPECT_EQ(pcm, ReadBytes(m_dir.Path() / "out.raw")) << c.stream;
-    }
+TEST_F(QuorbelDecode, WritesTheWalksPcmAsWavOrRaw) {
+    const std::string in = kConformance + "M2L3_noise.bit";  // 22.05 kHz stereo
+    ASSERT_EQ(Tool(Quote(in) + " out.wav"), 0) << output;
+    ASSERT_EQ(Tool("--raw " + Quote(in) + " out.raw"), 0) << output;
+    const Bytes raw = test_support::ReadFile(dir.Path("out.raw"));
+    Decoded walk;
+    ASSERT_TRUE(DecodeWalk(in, &walk));
+    EXPECT_TRUE(Samples(raw) == walk.pcm);
+    EXPECT_TRUE(test_support::ReadFile(dir.Path("out.wav")) ==
+                test_support::Riff(test_support::Chunk("fmt ", test_support::FmtBody(1, 2, 22050, 16)) + test_support::Chunk("data", raw)));
 }
 
-TEST_F(QuorbelDecode, RefusesWhatThePlayerWouldRefuse)
-{
-    // Junk: the scanner finds no frame.
-    ASSERT_TRUE(WriteBytes(m_dir.Path() / "junk.mp3", std::vector<uint8_t>(3000, 0x55)));
-    // MPEG-1 Layer II, 160 kbit/s, stereo (522 bytes a frame): the scanner accepts it, the
-    // decoder's start refuses a first frame that is not Layer III.
-    std::vector<uint8_t> layer2;
-    for (int i = 0; i < 4; ++i) {
-        std::vector<uint8_t> frame(522, 0);
-        frame[0] = 0xFF;
-        frame[1] = 0xFD;
-        frame[2] = 0x90;
-        frame[3] = 0x00;
-        layer2.insert(layer2.end(), frame.begin(), frame.end());
-    }
-    ASSERT_TRUE(WriteBytes(m_dir.Path() / "layer2.mp3", layer2));
+TEST_F(QuorbelDecode, ExitCodesForWhatItCannotDo) {
+    ASSERT_TRUE(test_support::WriteFile(dir.Path("junk.mp3"), Bytes(3000, 'U')));
+    // MPEG-1 Layer II frames: the scanner takes them, the decoder's start does not.
+    ASSERT_TRUE(test_support::WriteFile(dir.Path("layer2.mp3"), test_support::MpegFrames(Bytes("\xFF\xFD\x90\x00", 4), 522, 4)));
+    const test_support::LogCapture log(dir.Path("quorbel.log"));
+    EXPECT_EQ(Tool("junk.mp3 out.wav"), 1);
+    EXPECT_NE(output.find("cannot play junk.mp3"), std::string::npos) << output;
+    EXPECT_EQ(Tool("layer2.mp3 out.wav"), 1);
+    EXPECT_EQ(Tool("missing.mp3 out.wav"), 1);
+    EXPECT_EQ(log.Messages("[tools/"), (std::vector<std::string>{"[tools/quorbel-decode:*]file(junk.mp3),open failed",
+                                                        "[tools/quorbel-decode:*]file(layer2.mp3),decoder start failed",
+                                                        "[tools/quorbel-decode:*]file(missing.mp3),open failed"}));
+    EXPECT_FALSE(std::filesystem::exists(dir.Path("out.wav")));
+    EXPECT_EQ(Tool("only-one-name.mp3"), 2);
+    EXPECT_NE(output.find("usage:"), std::string::npos);
+    EXPECT_EQ(Tool("--loud a.mp3 b.wav"), 2);
+    EXPECT_EQ(Tool(Quote(kConformance + "l3-si.bit") + " " + Quote(dir.Path(""))), 3);  // a folder
+}
 
-    std::string output;
-    EXPECT_EQ(1, Tool("junk.mp3 out.wav", &output));
-    EXPECT_NE(std::string::npos, output.find("cannot play junk.mp3")) << output;
-    EXPECT_NE(std::string::npos, Log().find("]file(junk.mp3),open failed\n"));
-
-    EXPECT_EQ(1, Tool("layer2.mp3 out.wav", &output));
-    EXPECT_NE(std::string::npos, output.find("cannot play layer2.mp3")) << output;
-    EXPECT_NE(std::string::npos, Log().find("]file(layer2.mp3),decoder start failed\n"));
-
-    EXPECT_EQ(1, Tool("missing.mp3 out.wav", &output));
-    EXPECT_NE(std::string::npos, Log().find("]file(missing.mp3),open failed\n"));
-    // Nothing is written for a file that cannot be played.
-    EXPECT_FALSE(fs::exists(m_dir.Path() / "out.wav"));
-
-    EXPECT_EQ(2, Tool("only-one-name.mp3", &output));
-    EXPECT_NE(std::string::npos, output.find("usage:"));
-    EXPECT_EQ(2, Tool("--loud a.mp3 b.wav", &output));
-    // An output that cannot be created.
-    EXPECT_EQ(3, Tool(Quote(kConformance + "l3-si.bit") + " " + Quote(m_dir.Path()), &output));
+TEST_F(QuorbelDecode, SkippedFrameKeepsTheBlocksPcmFromTheBatchBefore) {
+    // 24-byte frames with 11 bytes of main data: frame 12 pointing 255 bytes back reaches past
+    // the reservoir and is skipped.
+    Bytes stream = test_support::ReadFile(kConformance + "M2L3_bitrate_24_all.bit");
+    ASSERT_EQ(stream.substr(12 * 24, 2), "\xFF\xF3");
+    stream[12 * 24 + 4] = '\xFF';
+    ASSERT_TRUE(test_support::WriteFile(dir.Path("patched.mp3"), stream));
+    ASSERT_EQ(Tool(Quote(dir.Path("patched.mp3")) + " --raw out.raw"), 0) << output;
+    const std::vector<int16_t> pcm = Samples(test_support::ReadFile(dir.Path("out.raw")));
+    ASSERT_GT(pcm.size(), 13u * 576);
+    const auto frame = [&](size_t i) { return std::vector<int16_t>(pcm.begin() + long(i * 576), pcm.begin() + long(i * 576 + 576)); };
+    EXPECT_NE(frame(2), std::vector<int16_t>(576));
+    EXPECT_EQ(frame(12), frame(2));
+    EXPECT_NE(frame(13), frame(3));
 }
 
 }  // namespace

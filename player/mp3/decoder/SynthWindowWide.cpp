@@ -6,7 +6,10 @@
 // functions ask for "avx" alone, which does not let the compiler contract them.
 //
 // Only the functions marked AVX_CODE are compiled for AVX, the rest of the program stays SSE2;
-// Synthesis.cpp calls them only after asking the processor (SynthPathSupported).
+// Synthesis.cpp calls them only after asking the processor. Built only in the auto build of the
+// windowing (QUORBEL_SYNTH, see Synthesis.h).
+
+#if !defined(QUORBEL_SYNTH_SCALAR) && !defined(QUORBEL_SYNTH_SSE2)
 
 #include "player/mp3/decoder/Synthesis.h"
 
@@ -183,17 +186,6 @@ AVX_CODE inline void StorePcmWide(const WideSums& sums, uint8_t* pcm, int32_t st
     StoreEightStrided(fourth, pcm + 24 * step, step);
 }
 
-// Sums 32 - 4q .. 29 - 4q of a sum array as one register (lane 0 of q = 0 holds 0: there is no
-// sample 32). Each pair is loaded and turned around in registers: 64-bit Windows compilers do
-// not keep the 32-byte stack alignment an AVX register assembled in memory would need.
-AVX_CODE inline __m256d LoadBackward(const double sums[32], int q)
-{
-    const __m128d lo = q == 0 ? _mm_load_sd(sums + 31) : _mm_loadu_pd(sums + 31 - 4 * q);
-    const __m128d hi = _mm_loadu_pd(sums + 29 - 4 * q);
-    return _mm256_insertf128_pd(_mm256_castpd128_pd256(_mm_shuffle_pd(lo, lo, 1)),
-                                _mm_shuffle_pd(hi, hi, 1), 1);
-}
-
 }  // namespace
 
 AVX_CODE void SynthWindowToPcmAvx(const float ring[512], uint32_t offset, uint8_t* pcm,
@@ -204,33 +196,4 @@ AVX_CODE void SynthWindowToPcmAvx(const float ring[512], uint32_t offset, uint8_
     StorePcmWide(sums, pcm, stride);
 }
 
-AVX_CODE void SynthWindowSumsAvx(const float ring[512], uint32_t offset, double sums[32])
-{
-    WideSums w;
-    WindowWide(ring, offset, w);
-    for (int q = 0; q < 4; ++q) {
-        _mm256_storeu_pd(sums + 4 * q, w.fwd[q]);
-        double lanes[4];
-        _mm256_storeu_pd(lanes, w.bwd[q]);
-        for (int t = 0; t < 4; ++t) {
-            if (q != 0 || t != 0)
-                sums[32 - 4 * q - t] = lanes[t];
-        }
-    }
-    sums[16] = w.s16;
-}
-
-AVX_CODE void SynthSumsToPcmAvx(const double sums[32], uint8_t* pcm, int32_t stride)
-{
-    WideSums w;
-    w.fwd[0] = _mm256_loadu_pd(sums);
-    w.fwd[1] = _mm256_loadu_pd(sums + 4);
-    w.fwd[2] = _mm256_loadu_pd(sums + 8);
-    w.fwd[3] = _mm256_loadu_pd(sums + 12);
-    w.bwd[0] = LoadBackward(sums, 0);
-    w.bwd[1] = LoadBackward(sums, 1);
-    w.bwd[2] = LoadBackward(sums, 2);
-    w.bwd[3] = LoadBackward(sums, 3);
-    w.s16 = sums[16];
-    StorePcmWide(w, pcm, stride);
-}
+#endif

@@ -6,19 +6,25 @@
 // follow from them by symmetry, which is why one 264-entry window serves both halves of the
 // output (samples 0..16 read it forward, samples 17..31 read rows 1..15 backward).
 //
-// The windowing here is SSE2, which every x86-64 processor has; where AVX is available the
-// windowing of SynthWindowWide.cpp (the same sums, twice as wide) is used instead.
+// The windowing is built as QUORBEL_SYNTH says (see Synthesis.h): SSE2 here, with the AVX
+// windowing of SynthWindowWide.cpp (the same sums, twice as wide) where the processor has it;
+// SSE2 alone; or plain C++ without intrinsics, which also matrixes one slot at a time. Every
+// sum starts at 0 and adds the same exact double products in the same order in all three, so
+// the PCM is the same bit for bit.
 
 #include "player/mp3/decoder/Synthesis.h"
 
-#include "player/mp3/decoder/FloatLanes.h"
 #include "player/mp3/decoder/SynthTables.h"
-
-#include <emmintrin.h>
 
 #include <atomic>
 #include <cstddef>
 #include <cstring>
+
+#if !defined(QUORBEL_SYNTH_SCALAR)
+#include "player/mp3/decoder/FloatLanes.h"
+
+#include <emmintrin.h>
+#endif
 
 namespace {
 
@@ -72,6 +78,69 @@ inline void Dct32(const V* x, V* u)
     MergeStage<16>(a, b);
     MergeStage<32>(b, u);
 }
+
+#if defined(QUORBEL_SYNTH_SCALAR)
+
+// Matrixing of four consecutive slots, one after another: the float operations of each slot are
+// those of the four lanes of the SSE2 build.
+void SynthMatrix4(const float slots[][32], float u[4][32])
+{
+    for (int t = 0; t < 4; ++t)
+        Dct32(slots[t], u[t]);
+}
+
+// A sum truncated toward zero and clipped to 16 bits, as the SSE2 conversion does it: anything
+// not below 32767 (a NaN too) gives 32767, anything at or below -32768 gives -32768.
+inline int32_t ToSample(double sum)
+{
+    if (!(sum < 32767.0))
+        return 32767;
+    if (sum <= -32768.0)
+        return -32768;
+    return static_cast<int32_t>(sum);
+}
+
+// Per m, sample i (0..15) adds its first product, ring[o + 16 + i + 64m] x W[16i + 2m], then
+// subtracts its second, ring[o + 48 - i + 64m] x W[16i + 2m + 1]; sample 32 - i (i >= 1) adds
+// the same two ring values times W[16i + 15 - 2m] and W[16i + 14 - 2m]. A float times a float
+// is exact in double, so these sums are the SIMD builds' lanes bit for bit.
+void SynthWindowToPcmScalar(const float ring[512], uint32_t offset, uint8_t* pcm, int32_t stride)
+{
+    const uint32_t o = offset & kSlotMask;
+    double sums[32];
+    for (uint32_t i = 0; i < 16; ++i) {
+        const float* w = SynthWindow + 16 * i;
+        double fwd = 0.0;
+        double bwd = 0.0;
+        for (uint32_t m = 0; m < 8; ++m) {
+            const double a = ring[(o + 16 + i + 64 * m) & kRingMask];
+            const double b = ring[(o + 48 - i + 64 * m) & kRingMask];
+            fwd += a * w[2 * m];
+            fwd -= b * w[2 * m + 1];
+            bwd += a * w[15 - 2 * m];
+            bwd += b * w[14 - 2 * m];
+        }
+        sums[i] = fwd;
+        if (i != 0)
+            sums[32 - i] = bwd;
+    }
+    // Sample 16 has its own eight entries and one product per m.
+    double s16 = 0.0;
+    for (uint32_t m = 0; m < 8; ++m) {
+        s16 += static_cast<double>(SynthWindow[256 + m]) *
+               static_cast<double>(ring[(o + 32 + 64 * m) & kRingMask]);
+    }
+    sums[16] = s16;
+    // Little-endian whatever the processor, like the PCM block.
+    for (int k = 0; k < 32; ++k) {
+        const uint32_t sample = static_cast<uint32_t>(ToSample(sums[k]));
+        uint8_t* p = pcm + 2 * static_cast<size_t>(stride) * static_cast<size_t>(k);
+        p[0] = static_cast<uint8_t>(sample & 0xFF);
+        p[1] = static_cast<uint8_t>((sample >> 8) & 0xFF);
+    }
+}
+
+#else
 
 // Matrixing of four consecutive slots at once, one per lane: the slots are transposed in,
 // transformed together and transposed out to u[slot][k].
@@ -262,24 +331,6 @@ inline void StorePcm(const WindowSums& sums, uint8_t* pcm, int32_t stride)
     StoreEightStrided(fourth, pcm + 24 * step, step);
 }
 
-bool CpuHasAvx()
-{
-    // Also false where the system does not save the wider registers (libgcc checks XGETBV).
-    static const bool has = __builtin_cpu_supports("avx") != 0;
-    return has;
-}
-
-std::atomic<SynthPath>& ActivePath()
-{
-    static std::atomic<SynthPath> path{CpuHasAvx() ? SynthPath::Avx : SynthPath::Sse2};
-    return path;
-}
-
-bool UseAvx()
-{
-    return ActivePath().load(std::memory_order_relaxed) == SynthPath::Avx;
-}
-
 void SynthWindowToPcmSse2(const float ring[512], uint32_t offset, uint8_t* pcm, int32_t stride)
 {
     WindowSums w;
@@ -287,24 +338,59 @@ void SynthWindowToPcmSse2(const float ring[512], uint32_t offset, uint8_t* pcm, 
     StorePcm(w, pcm, stride);
 }
 
-}  // namespace
+#endif
 
-bool SynthPathSupported(SynthPath path)
+typedef void (*WindowToPcm)(const float* ring, uint32_t offset, uint8_t* pcm, int32_t stride);
+
+#if !defined(QUORBEL_SYNTH_SCALAR) && !defined(QUORBEL_SYNTH_SSE2)
+bool CpuHasAvx()
 {
-    return path == SynthPath::Sse2 || CpuHasAvx();
+    // Also false where the system does not save the wider registers (libgcc checks XGETBV).
+    static const bool has = __builtin_cpu_supports("avx") != 0;
+    return has;
 }
+
+std::atomic<bool>& AvxChosen()
+{
+    static std::atomic<bool> avx{CpuHasAvx()};
+    return avx;
+}
+#endif
+
+// The windowing of this build; in the default build the AVX one where the processor and the
+// system support it, chosen on first use.
+WindowToPcm ChosenWindowing()
+{
+#if defined(QUORBEL_SYNTH_SCALAR)
+    return SynthWindowToPcmScalar;
+#elif defined(QUORBEL_SYNTH_SSE2)
+    return SynthWindowToPcmSse2;
+#else
+    return AvxChosen().load(std::memory_order_relaxed) ? SynthWindowToPcmAvx : SynthWindowToPcmSse2;
+#endif
+}
+
+}  // namespace
 
 SynthPath CurrentSynthPath()
 {
-    return ActivePath().load(std::memory_order_relaxed);
+#if !defined(QUORBEL_SYNTH_SCALAR) && !defined(QUORBEL_SYNTH_SSE2)
+    return AvxChosen().load(std::memory_order_relaxed) ? SynthPath::Avx : SynthPath::Sse2;
+#else
+    return SynthPath::Sse2;
+#endif
 }
 
 bool SetSynthPath(SynthPath path)
 {
-    if (!SynthPathSupported(path))
+#if !defined(QUORBEL_SYNTH_SCALAR) && !defined(QUORBEL_SYNTH_SSE2)
+    if (path == SynthPath::Avx && !CpuHasAvx())
         return false;
-    ActivePath().store(path, std::memory_order_relaxed);
+    AvxChosen().store(path == SynthPath::Avx, std::memory_order_relaxed);
     return true;
+#else
+    return path == SynthPath::Sse2;
+#endif
 }
 
 void SynthMatrix(const float x[32], float ring[512], uint32_t offset)
@@ -312,44 +398,9 @@ void SynthMatrix(const float x[32], float ring[512], uint32_t offset)
     Dct32(x, ring + (offset & kSlotMask));
 }
 
-void SynthWindowSums(const float ring[512], uint32_t offset, double sums[32])
-{
-    if (UseAvx()) {
-        SynthWindowSumsAvx(ring, offset, sums);
-        return;
-    }
-    WindowSums w;
-    Window(ring, offset, w);
-    for (int g = 0; g < 8; ++g) {
-        _mm_storeu_pd(sums + 2 * g, w.fwd[g]);
-        if (g != 0)
-            _mm_storel_pd(sums + 32 - 2 * g, w.bwd[g]);
-        _mm_storeh_pd(sums + 31 - 2 * g, w.bwd[g]);
-    }
-    sums[16] = w.s16;
-}
-
-void SynthSumsToPcm(const double sums[32], uint8_t* pcm, int32_t stride)
-{
-    if (UseAvx()) {
-        SynthSumsToPcmAvx(sums, pcm, stride);
-        return;
-    }
-    WindowSums w;
-    for (int g = 0; g < 8; ++g) {
-        w.fwd[g] = _mm_loadu_pd(sums + 2 * g);
-        w.bwd[g] = _mm_set_pd(sums[31 - 2 * g], g == 0 ? 0.0 : sums[32 - 2 * g]);
-    }
-    w.s16 = sums[16];
-    StorePcm(w, pcm, stride);
-}
-
 void SynthWindowToPcm(const float ring[512], uint32_t offset, uint8_t* pcm, int32_t stride)
 {
-    if (UseAvx())
-        SynthWindowToPcmAvx(ring, offset, pcm, stride);
-    else
-        SynthWindowToPcmSse2(ring, offset, pcm, stride);
+    ChosenWindowing()(ring, offset, pcm, stride);
 }
 
 void SynthesizeSlots(const float slots[18][32], float ring[512], uint32_t* offset, uint8_t* pcm,
@@ -357,9 +408,7 @@ void SynthesizeSlots(const float slots[18][32], float ring[512], uint32_t* offse
 {
     uint32_t o = *offset & kSlotMask;
     const size_t slotBytes = 32 * 2 * static_cast<size_t>(stride);
-    // One choice per granule rather than per slot.
-    void (*const windowToPcm)(const float*, uint32_t, uint8_t*, int32_t) =
-        UseAvx() ? SynthWindowToPcmAvx : SynthWindowToPcmSse2;
+    const WindowToPcm windowToPcm = ChosenWindowing();
 
     // Four slots are matrixed together, but each enters the ring only when its turn comes: the
     // slot after it goes where the oldest slot still read by its windowing lies. The last group

@@ -1,6 +1,11 @@
 #pragma once
 // Polyphase synthesis: matrixing of one slot of 32 subband samples into a channel's ring, and
 // windowing of the ring into 32 PCM samples (truncated toward zero, clipped to 16 bits).
+//
+// The build's QUORBEL_SYNTH option says how the windowing is computed, each giving the identical
+// PCM: auto (the default) SSE2, which every x86-64 processor has, or AVX where the processor
+// and the system support it, chosen on first use; sse2 SSE2 alone; scalar plain C++ without
+// intrinsics. It reaches the decoder's units as QUORBEL_SYNTH_AUTO, _SSE2 or _SCALAR.
 
 #include <cstdint>
 
@@ -16,24 +21,12 @@ void SynthWindowToPcm(const float ring[512], uint32_t offset, uint8_t* pcm, int3
 void SynthesizeSlots(const float slots[18][32], float ring[512], uint32_t* offset, uint8_t* pcm,
                      int32_t stride);
 
-// The two halves of SynthWindowToPcm. SynthWindowSums leaves the 32 double-precision window
-// sums; SynthSumsToPcm truncates each toward zero, clips it to [-32768, 32767] and stores it.
-void SynthWindowSums(const float ring[512], uint32_t offset, double sums[32]);
-void SynthSumsToPcm(const double sums[32], uint8_t* pcm, int32_t stride);
-
-// The windowing comes in two builds that give the identical output: SSE2, which every x86-64
-// processor has, and AVX, four double sums per register, for processors and systems that
-// support it. The best supported one is chosen on first use; tests may force either.
-enum class SynthPath { Sse2, Avx };
-bool SynthPathSupported(SynthPath path);
-SynthPath CurrentSynthPath();
-// Makes the functions above use path from now on; false (and no change) if it is unsupported.
-// Not meant to be called while another thread synthesizes.
-bool SetSynthPath(SynthPath path);
-
-// The AVX build of SynthWindowToPcm, SynthWindowSums and SynthSumsToPcm (SynthWindowWide.cpp).
-// Call only where SynthPathSupported(SynthPath::Avx).
+// The AVX windowing (SynthWindowWide.cpp), in the auto build only; Synthesis.cpp calls it only
+// where the processor has AVX.
 void SynthWindowToPcmAvx(const float ring[512], uint32_t offset, uint8_t* pcm, int32_t stride);
-void SynthWindowSumsAvx(const float ring[512], uint32_t offset, double sums[32]);
-void SynthSumsToPcmAvx(const double sums[32], uint8_t* pcm, int32_t stride);
 
+// Left only for bench/bench_synthesis.cpp, which times each windowing by switching between them;
+// goes as soon as the benchmark times the build's own windowing. Not for the decoder's users.
+enum class SynthPath { Sse2, Avx };
+SynthPath CurrentSynthPath();
+bool SetSynthPath(SynthPath path);
