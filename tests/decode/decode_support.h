@@ -1,7 +1,6 @@
 #pragma once
-// What the decoding tests share: this system's decoding of a file, frame by frame or by the
-// player's walk; PCM against a reference negated (this system's output is the negative of the
-// standard's); external commands.
+// What the decoding tests share: the player's walk over a file, PCM against a reference negated
+// (this system's output is the negative of the standard's), and the shell.
 
 #include <sys/wait.h>
 
@@ -9,20 +8,12 @@
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
-#include <memory>
 #include <string>
 #include <vector>
 
 #include "player/mp3/MP3Stream.h"
 #include "player/mp3/decoder/DecoderTables.h"
 #include "tests/support/TestSupport.h"
-
-struct Decoded {
-    int channels = 0, rate = 0, version = 0;
-    int32_t bitrate = 0, totalFrames = 0;  // bitrate 0: a VBR header gave the total
-    size_t frames = 0, skipped = 0, shortGranules = 0, msFrames = 0;
-    std::vector<int16_t> pcm;
-};
 
 inline void AppendSamples(std::vector<int16_t>& to, const uint8_t* bytes, size_t n) {
     for (size_t i = 0; i + 1 < n; i += 2) to.push_back(int16_t(bytes[i] | bytes[i + 1] << 8));
@@ -33,62 +24,34 @@ inline std::vector<int16_t> Samples(const std::string& bytes) {
     return s;
 }
 
-// The frames one after another by the decoder's own lengths, from the scanner's first frame on
-// (the walk would leave l3-hecommon at the reserved emphasis the scanner refuses): the PCM of
-// each frame that had its reservoir data.
-inline bool DecodeFrames(const std::string& path, Decoded* out) {
-    InitDecoderTables();
-    CMP3File file;
-    auto d = std::make_unique<CMP3Decoder>();
-    MP3StreamInfo info{};
-    const uint8_t* end = file.Open(path.c_str()) ? file.pView + file.dwSize : nullptr;
-    if (!end || !d->StartDecoder(file.pFirstFrame, int32_t(end - file.pFirstFrame), &info)) return false;
-    out->channels = info.outChannels, out->rate = info.outSampleRate;
-    std::vector<uint8_t> block(size_t(info.outFrameBytes));
-    MP3FrameIO io{};
-    for (const uint8_t* f = file.pFirstFrame; f < end; f += io.inLength, ++out->frames) {
-        io.inData = f, io.inLength = int32_t(end - f), io.outData = block.data();
-        if (!d->DecodeFrame(&io)) break;
-        if (d->ReservoirStart < 0) ++out->skipped;
-        else AppendSamples(out->pcm, block.data(), block.size());
-    }
-    return true;
-}
-
 // One pass of the player's walk to the stream's end: the batches as handed out, and what the
 // frames held.
-inline bool DecodeWalk(const std::string& path, Decoded* out) {
+struct Walked {
+    MP3StreamInfo info{};
+    size_t frames = 0, skipped = 0, shortGranules = 0, msFrames = 0;
+    std::vector<int16_t> pcm;
+};
+inline bool Walk(const std::string& path, Walked* out) {
     InitDecoderTables();
     CMP3Stream walk;
     if (!walk.Open(path.c_str())) return false;
-    const MP3StreamInfo& info = walk.StreamInfo();
-    out->channels = info.outChannels, out->rate = info.outSampleRate, out->version = int(info.version);
-    out->bitrate = info.bitrate, out->totalFrames = info.totalFrames;
-    const auto batch = [](void* o, const uint8_t* pcm, uint32_t n) {
-        return AppendSamples(static_cast<Decoded*>(o)->pcm, pcm, n), 1;
-    };
+    out->info = walk.StreamInfo();
+    const auto batch = [](void* o, const uint8_t* pcm, uint32_t n) { return AppendSamples(static_cast<Walked*>(o)->pcm, pcm, n), 1; };
     const auto frame = [](void* o, const MP3FrameIO& io, const CMP3Decoder& d) {
-        Decoded& s = *static_cast<Decoded*>(o);
-        ++s.frames, s.skipped += d.ReservoirStart < 0, s.msFrames += d.MsStereo;
+        Walked& w = *static_cast<Walked*>(o);
+        ++w.frames, w.skipped += d.ReservoirStart < 0, w.msFrames += d.MsStereo;
         for (uint32_t gr = 0; gr < (io.version == 1 ? 2u : 1u); ++gr)
             for (int ch = 0; ch < d.ChannelCount; ++ch)
-                s.shortGranules += d.GranuleInfo[io.version == 1 ? gr : d.GranuleToggle ^ 1][ch].block_type == 2;
+                w.shortGranules += d.GranuleInfo[io.version == 1 ? gr : d.GranuleToggle ^ 1][ch].block_type == 2;
     };
     return walk.Pass(batch, out, frame, out) == 1 && walk.RefusedError() == 0;
 }
 
-struct Diff {
-    int max = 0;
-    double rms = 0;
-};
+struct Diff { int max = 0; double rms = 0; };
 inline Diff Negated(const int16_t* ours, const int16_t* reference, size_t n) {
     Diff diff;
     double sum = 0;
-    for (size_t i = 0; i < n; ++i) {
-        const int d = ours[i] + reference[i];
-        diff.max = std::max(diff.max, std::abs(d));
-        sum += double(d) * d;
-    }
+    for (size_t i = 0; i < n; ++i) diff.max = std::max(diff.max, std::abs(ours[i] + reference[i])), sum += double(ours[i] + reference[i]) * (ours[i] + reference[i]);
     diff.rms = n ? std::sqrt(sum / double(n)) : 0.0;
     return diff;
 }
@@ -97,10 +60,9 @@ inline Diff Negated(const int16_t* ours, const int16_t* reference, size_t n) {
 inline int Shell(const std::string& command, std::string* output) {
     output->clear();
     FILE* pipe = popen((command + " 2>&1").c_str(), "r");
-    if (!pipe) return -1;
     char buffer[4096];
-    for (size_t n; (n = fread(buffer, 1, sizeof buffer, pipe)) > 0;) output->append(buffer, n);
-    const int status = pclose(pipe);
+    for (size_t n; pipe && (n = fread(buffer, 1, sizeof buffer, pipe)) > 0;) output->append(buffer, n);
+    const int status = pipe ? pclose(pipe) : -1;
     return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
 }
 inline std::string Quote(const std::string& s) { return "'" + s + "'"; }  // the tests' paths hold no quote
