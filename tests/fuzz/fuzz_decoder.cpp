@@ -5,6 +5,8 @@
 // are decoded from a heap copy of exactly the file's size, where AddressSanitizer sees a read one
 // byte past the end that the walk's mapping, rounded up to whole pages, would hide.
 
+#include <cstdio>
+#include <cstdlib>
 #include <memory>
 #include "player/mp3/MP3Stream.h"
 #include "player/mp3/decoder/DecoderTables.h"
@@ -12,7 +14,10 @@
 
 namespace {
 
-using test_support::FuzzCheck;
+// Aborts, so that libFuzzer keeps the input.
+void FuzzCheck(bool condition, const char* what) {
+    if (!condition) fprintf(stderr, "%s\n", what), abort();
+}
 // MPEG-1 128 kbit/s 44.1 kHz joint (mid/side); 64 kbit/s single channel; 48 kHz stereo with CRC;
 // 320 kbit/s 32 kHz joint (both), 1440-byte frames. MPEG-2 64 kbit/s 22.05 kHz joint (both);
 // 16 kHz single channel with CRC; 8 kbit/s 24 kHz joint (intensity), 24-byte frames. MPEG-2.5
@@ -28,27 +33,27 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     static const std::string input = [] {
         InitDecoderTables();
         const auto previous = std::filesystem::current_path();
-        std::filesystem::current_path(folder.path);
+        std::filesystem::current_path(folder.Path(""));
         std::filesystem::create_symlink("/dev/null", "quorbel.log");
-        FuzzCheck(g_logFile.WriteToFile("") && std::filesystem::remove("quorbel.log"), "fuzz_decoder: no log to /dev/null");
+        FuzzCheck(g_logFile.WriteToFile("") && std::filesystem::remove("quorbel.log"), "no log to /dev/null");
         std::filesystem::current_path(previous);
         return folder.Path("input.mp3");
     }();
     if (size < 1 || size > 1000000) return 0;
     const std::string file = std::string(kFirstHeaders[data[0] % 10], 4) + std::string(reinterpret_cast<const char*>(data) + 1, size - 1);
-    FuzzCheck(test_support::WriteFile(input, file), "fuzz_decoder: cannot write the input");
+    FuzzCheck(test_support::WriteFile(input, file), "cannot write the input");
     CMP3Stream walk;
     MP3StreamInfo info{};
     if (walk.Open(input.c_str())) {
         info = walk.StreamInfo();
         FuzzCheck((info.outChannels == 1 || info.outChannels == 2) && info.outFrameBytes > 0 && info.outFrameBytes <= 4608,
-                  "fuzz_decoder: stream information out of range");
+                  "stream information out of range");
         const auto batch = [](void* sizes, const uint8_t*, uint32_t bytes) { return static_cast<std::vector<uint32_t>*>(sizes)->push_back(bytes), 1; };
         std::vector<uint32_t> first, second;
-        FuzzCheck(walk.Pass(batch, &first) && walk.Pass(batch, &second) && first == second, "fuzz_decoder: the passes differ");
+        FuzzCheck(walk.Pass(batch, &first) && walk.Pass(batch, &second) && first == second, "the passes differ");
         for (size_t i = 0; i < first.size(); ++i)
             FuzzCheck(first[i] % info.outFrameBytes == 0 && first[i] <= 10u * info.outFrameBytes && (i + 1 == first.size() || first[i] == 10u * info.outFrameBytes),
-                      "fuzz_decoder: a batch is not ten whole frames, or fewer at the end");
+                      "a batch is not ten whole frames, or fewer at the end");
     }
     std::vector<uint8_t> exact(file.begin(), file.end());
     CMP3File view;
@@ -61,7 +66,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         for (const uint8_t* f = view.pFirstFrame; f; f = view.NextFrame(f)) {
             io.inData = f, io.inLength = int32_t(end - f), io.outData = block.data();
             if (!decoder->DecodeFrame(&io)) break;
-            FuzzCheck(io.inLength > 0 && io.inLength <= end - f && io.outLength == info.outFrameBytes, "fuzz_decoder: frame out of range");
+            FuzzCheck(io.inLength > 0 && io.inLength <= end - f && io.outLength == info.outFrameBytes, "frame out of range");
         }
     }
     view.pView = nullptr, view.dwSize = 0;  // not a mapping: keep Unmap away from the heap block
