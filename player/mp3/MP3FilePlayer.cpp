@@ -17,6 +17,30 @@ int QueueBatch(void* context, const uint8_t* pcm, uint32_t bytes) {
     return static_cast<CWavOut*>(context)->Write(pcm, static_cast<int32_t>(bytes));
 }
 
+// The MP3 steps of a play. The first frame fixes the format for the whole play; later frames
+// of another mode or rate are decoded into it. The decoder is not restarted between passes:
+// its reservoir and filter-bank state run on, so a loop continues without a gap. A pass ends at
+// the end of the stream, at a frame the decoder refuses, or at a refused write, which is how a
+// stop reaches the play.
+struct MP3Format {
+    CMP3Stream& stream;
+
+    WavOutParams Params() const {
+        const MP3StreamInfo& info = stream.StreamInfo();
+        // The output's defaults: 8 buffers of 4096 bytes.
+        return WavOutParams{info.outChannels, info.outSampleRate, info.outBits, 0, 0};
+    }
+    void OutputFailed(PlayRequest* pRequest) const {
+        g_logFile.Log("[%s:%d]file(%s),wav init failed", kUnitPath, __LINE__,
+                      pRequest->szFileName);
+    }
+    int Pass(CWavOut& out, uint64_t* queued) const {
+        int outputAlive = stream.Pass(&QueueBatch, &out);
+        *queued = stream.BatchesWritten();
+        return outputAlive;
+    }
+};
+
 }  // namespace
 
 CMP3FilePlayer::CMP3FilePlayer() {
@@ -45,42 +69,6 @@ int CMP3FilePlayer::PlayFile(PlayRequest* pRequest) {
         return 0;
     }
 
-    // The first frame fixes the format for the whole play; later frames of another mode or
-    // rate are decoded into it.
-    const MP3StreamInfo& info = stream.StreamInfo();
-    CWavOut out;
-    WavOutParams params = {};
-    params.nChannels = info.outChannels;
-    params.nSamplesPerSec = info.outSampleRate;
-    params.nBitsPerSample = info.outBits;
-    params.nBufferCount = 0;  // the output's defaults: 8 buffers of 4096 bytes
-    params.nBufferSize = 0;
-    if (!out.Open(params)) {
-        g_logFile.Log("[%s:%d]file(%s),wav init failed", kUnitPath, __LINE__,
-                      pRequest->szFileName);
-        return 0;
-    }
-
-    if (!StartListedPlay(pRequest, &out)) return 0;  // the server is closing
-    // From here on a stop or a foreground change may reach the output from the main thread.
-    CPlayingGuard listed(*this, pRequest);
-
-    // The decoder is not restarted between passes: its reservoir and filter-bank state run on,
-    // so a loop continues without a gap. A pass ends at the end of the stream, at a frame the
-    // decoder refuses, or at a refused write, which is how a stop reaches the play.
-    int outputAlive = 1;
-    do {
-        outputAlive = stream.Pass(&QueueBatch, &out);
-        // A looping pass that queued nothing (the first frame refused) would otherwise spin.
-        if (outputAlive && stream.BatchesWritten() == 0 &&
-            pRequest->bLoop.load(std::memory_order_relaxed)) {
-            SleepMs(out.dwSleepMs > 0 ? out.dwSleepMs : 1);
-        }
-    } while (outputAlive && pRequest->bLoop.load(std::memory_order_relaxed) != 0);
-
-    listed.Release();
-    out.WaitForBuffers();
-    out.Close();
-    stream.Close();
-    return 1;
+    MP3Format format{stream};
+    return PlayOpened(pRequest, format);
 }

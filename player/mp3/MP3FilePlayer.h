@@ -1,6 +1,6 @@
 #pragma once
 // The player of MPEG audio Layer III files: each play decodes its file ten frames at a time and
-// queues the PCM on a wave output in the stream's own format. Windows only.
+// queues the PCM on a wave output in the stream's own format.
 
 #include "player/pub/SoundFilePlayer.h"
 

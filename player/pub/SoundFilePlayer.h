@@ -8,10 +8,11 @@
 #include <cstdint>
 #include <list>
 
+#include "client/QuorbelClient.h"
 #include "player/pub/ThreadPlatform.h"
+#include "player/pub/WavOut.h"
 
 class CSoundFilePlayer;
-class CWavOut;
 
 // One accepted play. Belongs to its play thread, which frees it when PlayFile has returned.
 struct PlayRequest {
@@ -20,7 +21,7 @@ struct PlayRequest {
     uint32_t bFollowForeground;   // 1: silenced while the client's process is not in front
     CSoundFilePlayer* pPlayer;    // runs the play
     CWavOut* pWavOut;             // set by PlayFile before AddPlaying
-    char szFileName[260];
+    char szFileName[kQuorbelNameBuffer];
     std::atomic<uint32_t> bLoop;  // cleared from the main thread by every stop
     uint32_t bStartSilent;        // initial silent state of the output
     uint32_t nForegroundSerial;   // the player's foreground serial when the request was made
@@ -60,6 +61,17 @@ public:
     void RemovePlaying(PlayRequest* pRequest);
 
 protected:
+    // The play of one opened file, the same for every format: the output opened in the file's
+    // format, the play listed, passes while it loops, the drain, the close. Format supplies the
+    // steps of its own format and logs with its own unit path and wording:
+    //   WavOutParams Params()                    the output's format
+    //   void OutputFailed(PlayRequest*)          logs a refused output
+    //   int Pass(CWavOut&, uint64_t* queued)     one pass through the file; 0 once the output
+    //                                            refused a write (stopped or dead)
+    // 0 when the output did not open or the server is closing; 1 once played.
+    template <class Format>
+    int PlayOpened(PlayRequest* pRequest, Format& format);
+
     // Hands an opened output to the play (silent when its client is not in front) and lists
     // it. 0 when the server is closing: the play must not start, and the output stays the
     // caller's.
@@ -99,3 +111,31 @@ private:
     bool m_bClosing;  // under m_csPlaying
     std::atomic<long> m_nPlayThreads;
 };
+
+template <class Format>
+int CSoundFilePlayer::PlayOpened(PlayRequest* pRequest, Format& format) {
+    CWavOut out;
+    WavOutParams params = format.Params();
+    if (!out.Open(params)) {
+        format.OutputFailed(pRequest);
+        return 0;
+    }
+    if (!StartListedPlay(pRequest, &out)) return 0;  // the server is closing
+    // From here on a stop or a foreground change may reach the output from the main thread.
+    CPlayingGuard listed(*this, pRequest);
+    int outputAlive = 1;
+    do {
+        uint64_t queued = 0;
+        outputAlive = format.Pass(out, &queued);
+        // A looping pass that queued nothing would otherwise spin at full speed.
+        if (outputAlive && queued == 0 && pRequest->bLoop.load(std::memory_order_relaxed)) {
+            SleepMs(out.dwSleepMs > 0 ? out.dwSleepMs : 1);
+        }
+        // A stop clears bLoop before it stops the output; a refused write also ends a loop,
+        // since a dead device would refuse every later pass at once.
+    } while (outputAlive && pRequest->bLoop.load(std::memory_order_relaxed) != 0);
+    listed.Release();
+    out.WaitForBuffers();
+    out.Close();
+    return 1;
+}

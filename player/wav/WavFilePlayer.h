@@ -1,6 +1,6 @@
 #pragma once
 // The player of RIFF/WAVE PCM files: the data chunks go from the mapped file to the output
-// unchanged. Windows only.
+// unchanged.
 
 #include "player/pub/SoundFilePlayer.h"
 
