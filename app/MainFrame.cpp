@@ -3,6 +3,7 @@
 #include <cstdint>
 
 #include "client/QuorbelClient.h"
+#include "player/pub/ThreadPlatform.h"
 
 BEGIN_MESSAGE_MAP(CMainFrame, CFrameWnd)
     ON_WM_COPYDATA()
@@ -11,34 +12,10 @@ BEGIN_MESSAGE_MAP(CMainFrame, CFrameWnd)
     ON_WM_CLOSE()
 END_MESSAGE_MAP()
 
-namespace {
-
-// Holds an unnamed mutex for one scope.
-class CMutexLock {
-public:
-    explicit CMutexLock(HANDLE hMutex) : m_hMutex(hMutex) {
-        if (m_hMutex != nullptr) WaitForSingleObject(m_hMutex, INFINITE);
-    }
-    ~CMutexLock() { Release(); }
-    void Release() {
-        if (m_hMutex != nullptr) ReleaseMutex(m_hMutex);
-        m_hMutex = nullptr;
-    }
-    CMutexLock(const CMutexLock&) = delete;
-    CMutexLock& operator=(const CMutexLock&) = delete;
-
-private:
-    HANDLE m_hMutex;
-};
-
-}  // namespace
-
 CMainFrame::CMainFrame()
-    : m_bSweepTimerStarted(FALSE), m_hClientsMutex(nullptr), m_dwForegroundPid(0) {}
+    : m_bSweepTimerStarted(FALSE), m_dwForegroundPid(0) {}
 
-CMainFrame::~CMainFrame() {
-    if (m_hClientsMutex != nullptr) CloseHandle(m_hClientsMutex);
-}
+CMainFrame::~CMainFrame() {}
 
 BOOL CMainFrame::PreCreateWindow(CREATESTRUCTA& cs) {
     if (!CFrameWnd::PreCreateWindow(cs)) return FALSE;
@@ -57,7 +34,7 @@ DWORD CMainFrame::ForegroundPid() {
 int CMainFrame::OnCreate(LPCREATESTRUCTA lpCreateStruct) {
     if (CFrameWnd::OnCreate(lpCreateStruct) == -1) return -1;
     m_bSweepTimerStarted = FALSE;
-    m_hClientsMutex = CreateMutexA(nullptr, FALSE, nullptr);
+    m_clientsMutex.Create();
     // Only changes from here on are reported to the players.
     m_dwForegroundPid = ForegroundPid();
     SetTimer(m_hWnd, TIMER_FOREGROUND, kForegroundPeriodMs, nullptr);
@@ -72,7 +49,7 @@ BOOL CMainFrame::OnCopyData(HWND, PCOPYDATASTRUCT pCopyDataStruct) {
                        &request)) {
         return TRUE;
     }
-    CMutexLock lock(m_hClientsMutex);
+    CScopedLock<CMutex> lock(m_clientsMutex);
     if (m_clients.Find(request.hClientWnd) < 0 && request.hClientWnd != 0) {
         if (!m_bSweepTimerStarted) {
             m_bSweepTimerStarted = TRUE;
@@ -126,7 +103,7 @@ void CMainFrame::OnTimer(UINT_PTR nIDEvent) {
 }
 
 void CMainFrame::SweepClients() {
-    CMutexLock lock(m_hClientsMutex);
+    CScopedLock<CMutex> lock(m_clientsMutex);
     for (int i = m_clients.GetCount() - 1; i >= 0; --i) {
         LONG client = m_clients.GetAt(i);
         if (IsWindow(static_cast<HWND>(LongToHandle(client)))) continue;

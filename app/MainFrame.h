@@ -4,6 +4,7 @@
 
 #include <windows.h>
 
+#include "app/Mutex.h"
 #include "app/Request.h"
 #include "app/WndHandleArray.h"
 #include "app/framework/FrameWnd.h"
@@ -33,7 +34,7 @@ protected:
 
     CWndHandleArray m_clients;
     BOOL m_bSweepTimerStarted;
-    HANDLE m_hClientsMutex;
+    CMutex m_clientsMutex;  // guards m_clients
     CPlayerRegistry m_players;
     DWORD m_dwForegroundPid;
 

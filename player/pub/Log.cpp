@@ -71,7 +71,7 @@ int CLogFile::Log(const char* format, ...)
     LogFormat(message, kMessageSize - 1, format, args);
     va_end(args);
 
-    CLockGuard hold(m_cs);
+    CScopedLock<CLock> hold(m_cs);
 
     LogTime now;
     LogGetLocalTime(&now);
@@ -99,7 +99,7 @@ int CLogFile::Write(const char* text)
 
 int CLogFile::WriteToFile(const char* text)
 {
-    CLockGuard hold(m_cs);
+    CScopedLock<CLock> hold(m_cs);
     if (m_fp == nullptr) {
         // Text mode: line breaks become CRLF on Windows. A failed open is tried again by the
         // next piece, so the log appears once its location becomes writable.

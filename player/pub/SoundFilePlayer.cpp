@@ -27,7 +27,7 @@ int CSoundFilePlayer::Play(int32_t hClientWnd, const char* pszFileName, uint32_t
     if (length >= sizeof(PlayRequest::szFileName)) return 0;
 
     {
-        CLockGuard lock(m_csPlaying);
+        CScopedLock<CLock> lock(m_csPlaying);
         if (m_bClosing) return 0;
     }
 
@@ -85,7 +85,7 @@ int CSoundFilePlayer::StartListedPlay(PlayRequest* pRequest, CWavOut* pOut) {
 }
 
 int CSoundFilePlayer::AddPlaying(PlayRequest* pRequest) {
-    CLockGuard lock(m_csPlaying);
+    CScopedLock<CLock> lock(m_csPlaying);
     if (m_bClosing) return 0;
     // A foreground change reported while this play was still opening would otherwise be lost:
     // the timer reports changes only.
@@ -99,7 +99,7 @@ int CSoundFilePlayer::AddPlaying(PlayRequest* pRequest) {
 
 void CSoundFilePlayer::RemovePlaying(PlayRequest* pRequest) {
     // Waits while a stop is working on the list, so the record and its device outlive it.
-    CLockGuard lock(m_csPlaying);
+    CScopedLock<CLock> lock(m_csPlaying);
     m_playing.remove(pRequest);
 }
 
@@ -116,7 +116,7 @@ void CSoundFilePlayer::StopClient(int32_t hClientWnd) {
 }
 
 void CSoundFilePlayer::StopAllForClose() {
-    CLockGuard lock(m_csPlaying);
+    CScopedLock<CLock> lock(m_csPlaying);
     m_bClosing = true;
     // Every play of every client is halted at once and none is waited for here: the close
     // waits for all the play threads together, against one deadline.
@@ -134,7 +134,7 @@ void CSoundFilePlayer::StopSelected(StopSelect select, int32_t hClientWnd,
     // a device never needs its play thread. Holding the lock also keeps the list unchanged, so
     // the selected plays are stopped straight from it, in the order they joined.
     try {
-        CLockGuard lock(m_csPlaying);
+        CScopedLock<CLock> lock(m_csPlaying);
         for (PlayRequest* request : m_playing) {
             bool selected = false;
             switch (select) {
@@ -161,7 +161,7 @@ void CSoundFilePlayer::StopSelected(StopSelect select, int32_t hClientWnd,
 }
 
 void CSoundFilePlayer::SetForegroundProcess(uint32_t dwPid) {
-    CLockGuard lock(m_csPlaying);
+    CScopedLock<CLock> lock(m_csPlaying);
     m_dwForegroundPid = dwPid;
     ++m_nForegroundSerial;
     for (PlayRequest* request : m_playing) {
@@ -171,7 +171,7 @@ void CSoundFilePlayer::SetForegroundProcess(uint32_t dwPid) {
 }
 
 int CSoundFilePlayer::PlayingCount() {
-    CLockGuard lock(m_csPlaying);
+    CScopedLock<CLock> lock(m_csPlaying);
     return static_cast<int>(m_playing.size());
 }
 

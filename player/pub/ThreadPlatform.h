@@ -24,21 +24,22 @@ private:
     alignas(8) unsigned char m_storage[64];
 };
 
-// Holds a lock for one scope; Release leaves it early.
-class CLockGuard {
+// Holds a lock (anything with Enter and Leave) for one scope; Release leaves it early.
+template <class Lockable>
+class CScopedLock {
 public:
-    explicit CLockGuard(CLock& lock) : m_pLock(&lock) { m_pLock->Enter(); }
-    ~CLockGuard() { Release(); }
+    explicit CScopedLock(Lockable& lock) : m_pLock(&lock) { m_pLock->Enter(); }
+    ~CScopedLock() { Release(); }
     void Release() {
         if (m_pLock != nullptr) m_pLock->Leave();
         m_pLock = nullptr;
     }
 
-    CLockGuard(const CLockGuard&) = delete;
-    CLockGuard& operator=(const CLockGuard&) = delete;
+    CScopedLock(const CScopedLock&) = delete;
+    CScopedLock& operator=(const CScopedLock&) = delete;
 
 private:
-    CLock* m_pLock;
+    Lockable* m_pLock;
 };
 
 typedef void (*ThreadProc)(void* arg);

@@ -29,7 +29,7 @@ public:
 
     // The slot taken for owner, or -1 when every slot is taken.
     int32_t Take(CWavOut* owner) {
-        CLockGuard lock(m_cs);
+        CScopedLock<CLock> lock(m_cs);
         int32_t slot = -1;
         for (int32_t i = 0; i < CWavOut::kMaxOpenDevices && slot < 0; ++i) {
             if (m_taken[i]) continue;
@@ -42,29 +42,28 @@ public:
     }
     // No notification reaches the owner after this returns; the slot stays taken.
     void Disown(int32_t slot) {
-        CLockGuard lock(m_cs);
+        CScopedLock<CLock> lock(m_cs);
         m_owners[slot] = nullptr;
     }
     void Free(int32_t slot) {
-        CLockGuard lock(m_cs);
+        CScopedLock<CLock> lock(m_cs);
         m_owners[slot] = nullptr;
         m_taken[slot] = false;
         --m_nTaken;
     }
     int32_t Taken() {
-        CLockGuard lock(m_cs);
+        CScopedLock<CLock> lock(m_cs);
         return m_nTaken;
     }
-    // For the callback: the owner of a device's notifications, held until Leave so that it
-    // cannot be disowned meanwhile; null (still to be left) when there is none.
-    CWavOut* Enter(uintptr_t instance) {
-        m_cs.Enter();
+    // For the callback, under Lock(): the owner of a device's notifications, or null. Held
+    // lock, it cannot be disowned meanwhile.
+    CLock& Lock() { return m_cs; }
+    CWavOut* OwnerOf(uintptr_t instance) const {
         if (instance == 0 || instance > static_cast<uintptr_t>(CWavOut::kMaxOpenDevices)) {
             return nullptr;
         }
         return m_owners[instance - 1];
     }
-    void Leave() { m_cs.Leave(); }
 
 private:
     CLock m_cs;
@@ -227,13 +226,13 @@ int CWavOut::PrepareBuffers() {
             return 0;
         }
     }
-    CLockGuard lock(csLock);
+    CScopedLock<CLock> lock(csLock);
     nNextBuffer = 0;
     return 1;
 }
 
 int CWavOut::ResetQueue() {
-    CLockGuard lock(csLock);
+    CScopedLock<CLock> lock(csLock);
     if (nNextBuffer == -1) nNextBuffer = 0;
     return 1;
 }
@@ -245,7 +244,7 @@ WaveBuffer* CWavOut::GetFreeBuffer() {
         WaveBuffer* taken = nullptr;
         bool stopped = false;
         {
-            CLockGuard lock(csLock);
+            CScopedLock<CLock> lock(csLock);
             if (nNextBuffer == -1) {
                 stopped = true;
             } else if (pHeaders[nNextBuffer].bQueued == 0) {
@@ -298,7 +297,7 @@ int CWavOut::Write(const void* data, int32_t length) {
             // The device will never report this buffer done: free it again and stop handing
             // out buffers, or the ring would stall on it and a looping play would spin.
             {
-                CLockGuard lock(csLock);
+                CScopedLock<CLock> lock(csLock);
                 header->bQueued = 0;
                 nNextBuffer = -1;
             }
@@ -314,7 +313,7 @@ int CWavOut::Write(const void* data, int32_t length) {
 }
 
 int CWavOut::AnyQueued() {
-    CLockGuard lock(csLock);
+    CScopedLock<CLock> lock(csLock);
     if (pHeaders == nullptr) return 0;
     for (int32_t i = 0; i < nBufferCount; ++i) {
         if (pHeaders[i].bQueued != 0) return 1;
@@ -334,7 +333,7 @@ int CWavOut::WaitUntilNoneQueued(uint32_t limitMs) {
 
 void CWavOut::GiveUp(int line, const char* what) {
     {
-        CLockGuard lock(csLock);
+        CScopedLock<CLock> lock(csLock);
         nNextBuffer = -1;
     }
     if (nGivenUp.exchange(1) == 0) g_logFile.Log("[%s:%d]%s", kUnitPath, line, what);
@@ -349,7 +348,7 @@ int CWavOut::WaitForBuffers() {
 
 int CWavOut::Halt() {
     if (hWaveOut == 0) return 1;
-    CLockGuard lock(csLock);
+    CScopedLock<CLock> lock(csLock);
     nNextBuffer = -1;
     return 1;
 }
@@ -383,7 +382,7 @@ void CWavOut::Close() {
     if (nSlot >= 0) Slots().Free(nSlot);
     nSlot = -1;
     {
-        CLockGuard lock(csLock);
+        CScopedLock<CLock> lock(csLock);
         nNextBuffer = -1;
     }
     dwSleepMs = 0;
@@ -430,7 +429,7 @@ void CWavOut::ReportCallbackFaults() {
 }
 
 void CWavOut::OnWaveOutDone(WaveBuffer* buffer) {
-    CLockGuard lock(csLock);
+    CScopedLock<CLock> lock(csLock);
     if (pHeaders != nullptr && buffer >= pHeaders && buffer < pHeaders + nBufferCount) {
         buffer->bQueued = 0;
     }
@@ -439,15 +438,14 @@ void CWavOut::OnWaveOutDone(WaveBuffer* buffer) {
 // Runs on the platform's thread, which allows little more than locks: no other wave call, no
 // file output, no allocation. So a caught exception is left for the owner to log.
 void CWavOut::OnDeviceDone(uintptr_t instance, uintptr_t systemBuffer) {
-    CWavOut* self = Slots().Enter(instance);
-    if (self != nullptr) {
-        try {
-            self->OnWaveOutDone(WaveDoneBuffer(systemBuffer));
-        } catch (...) {
-            self->nCallbackFaults.fetch_add(1, std::memory_order_relaxed);
-        }
+    CScopedLock<CLock> lock(Slots().Lock());
+    CWavOut* self = Slots().OwnerOf(instance);
+    if (self == nullptr) return;
+    try {
+        self->OnWaveOutDone(WaveDoneBuffer(systemBuffer));
+    } catch (...) {
+        self->nCallbackFaults.fetch_add(1, std::memory_order_relaxed);
     }
-    Slots().Leave();
 }
 
 void WaveDeviceDone(uintptr_t instance, uintptr_t systemBuffer) {
