@@ -8,8 +8,6 @@
 #include "app/MainFrame.h"
 #include "client/QuorbelClient.h"
 
-CQuorbelApp theApp;
-
 CQuorbelApp::CQuorbelApp() : m_hSingleInstanceMutex(nullptr) {}
 
 CQuorbelApp::~CQuorbelApp() {
@@ -19,7 +17,7 @@ CQuorbelApp::~CQuorbelApp() {
 BOOL CALLBACK CQuorbelApp::FindRunningInstanceProc(HWND hWnd, LPARAM lParam) {
     char title[256] = {};
     GetWindowTextA(hWnd, title, static_cast<int>(sizeof title));
-    if (strncmp(title, kWindowTitle, sizeof kWindowTitle - 1) != 0) return TRUE;
+    if (strncmp(title, kQuorbelServerTitle, sizeof kQuorbelServerTitle - 1) != 0) return TRUE;
     *reinterpret_cast<HWND*>(lParam) = hWnd;
     return FALSE;
 }
@@ -32,7 +30,7 @@ int CQuorbelApp::ForwardCommandLine(HWND hServer, int argc, char** argv) {
         // The user named the file from this process's directory, not the server's. A name whose
         // full path does not fit is left out: sent as given, it would name another file, the
         // one of that name in the server's directory. So is a name when the block cannot grow.
-        char full[CQuorbelClient::kNameBuffer];
+        char full[kQuorbelNameBuffer];
         if (CQuorbelClient::FullPathName(argv[i], full)) block.AddName(full);
     }
     if (block.Count() == 0) return 0;
@@ -46,7 +44,7 @@ BOOL CQuorbelApp::InitInstance() {
         if (frame == nullptr) return FALSE;
         m_pMainWnd = frame;
         RECT rect = {0, 0, 0, 0};
-        if (!frame->Create(nullptr, kWindowTitle, WS_CLIPCHILDREN, rect)) {
+        if (!frame->Create(nullptr, kQuorbelServerTitle, WS_CLIPCHILDREN, rect)) {
             // A window that got as far as WM_NCCREATE has deleted its object on the way down.
             m_pMainWnd = nullptr;
             return FALSE;
@@ -61,14 +59,4 @@ BOOL CQuorbelApp::InitInstance() {
     CloseHandle(m_hSingleInstanceMutex);
     m_hSingleInstanceMutex = nullptr;
     return FALSE;
-}
-
-int WINAPI WinMain(HINSTANCE hInstance, HINSTANCE, LPSTR, int) {
-    // A failed check must not open a modal box that hangs a hidden server holding the mutex.
-    _set_error_mode(_OUT_TO_STDERR);
-    theApp.m_hInstance = hInstance;
-    int exitCode = theApp.InitInstance() ? theApp.Run() : theApp.ExitInstance();
-    // Play threads may still be logging; ending here skips the destruction of static objects
-    // under them. The log is written through, so nothing is lost.
-    ExitProcess(static_cast<UINT>(exitCode));
 }

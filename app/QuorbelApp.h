@@ -9,7 +9,6 @@
 class CQuorbelApp : public CWinApp {
 public:
     static constexpr char kSingleInstanceMutexName[] = "Quorbel Should Only Run One Time!";
-    static constexpr char kWindowTitle[] = "Quorbel";
 
     CQuorbelApp();
     ~CQuorbelApp() override;

@@ -31,6 +31,8 @@ enum QuorbelRequestFlags : unsigned {
     REQ_IGNORE_FOREGROUND = 0x0010,  // never silence these plays when the client is not in front
 };
 
+// The server's window is the top-level window of exactly this title.
+constexpr char kQuorbelServerTitle[] = "Quorbel";
 // What one request may carry: the count has 8 bits, and a name must be shorter than the
 // buffer, NUL included.
 constexpr int kQuorbelMaxNames = 255;
@@ -41,9 +43,6 @@ constexpr size_t kQuorbelNameBuffer = 260;
 
 class CQuorbelClient {
 public:
-    static constexpr char kServerTitle[] = "Quorbel";
-    static constexpr int kMaxNames = kQuorbelMaxNames;
-    static constexpr size_t kNameBuffer = kQuorbelNameBuffer;
     static constexpr DWORD kSendTimeoutMs = 30000;  // a stop waits for queued sound to play out
 
     // The data block of one request, grown name by name.
@@ -63,9 +62,9 @@ public:
 
         // 0 when the block could not be made, the name is too long, or the count is full.
         int AddName(const char* pszName) {
-            if (m_pData == nullptr || pszName == nullptr || m_nCount >= kMaxNames) return 0;
-            size_t length = strnlen(pszName, kNameBuffer);
-            if (length >= kNameBuffer) return 0;
+            if (m_pData == nullptr || pszName == nullptr || m_nCount >= kQuorbelMaxNames) return 0;
+            size_t length = strnlen(pszName, kQuorbelNameBuffer);
+            if (length >= kQuorbelNameBuffer) return 0;
             // Through a temporary: a failed realloc keeps the block as it was.
             char* grown = static_cast<char*>(realloc(m_pData, m_cbData + length + 1));
             if (grown == nullptr) return 0;
@@ -121,7 +120,7 @@ public:
     // Builds and sends a request with these names and flags to the running server.
     // 0 when there is no server, a name does not fit, or the server did not take it.
     int Send(unsigned flags, const char* const* ppszNames, int nCount) const {
-        if (nCount < 0 || nCount > kMaxNames) return 0;
+        if (nCount < 0 || nCount > kQuorbelMaxNames) return 0;
         CRequestBlock block(m_hClientWnd);
         for (int i = 0; i < nCount; ++i) {
             if (!block.AddName(ppszNames[i])) return 0;
@@ -138,16 +137,16 @@ public:
 
     // The full path of a name relative to this process's working directory, for a request to
     // a server that runs elsewhere. 0 when it does not fit.
-    static int FullPathName(const char* pszName, char (&szFull)[kNameBuffer]) {
-        DWORD n = GetFullPathNameA(pszName, static_cast<DWORD>(kNameBuffer), szFull, nullptr);
-        return n > 0 && n < kNameBuffer ? 1 : 0;
+    static int FullPathName(const char* pszName, char (&szFull)[kQuorbelNameBuffer]) {
+        DWORD n = GetFullPathNameA(pszName, static_cast<DWORD>(kQuorbelNameBuffer), szFull, nullptr);
+        return n > 0 && n < kQuorbelNameBuffer ? 1 : 0;
     }
 
 private:
     static BOOL CALLBACK FindServerProc(HWND hWnd, LPARAM lParam) {
-        char title[sizeof kServerTitle + 1] = {};
+        char title[sizeof kQuorbelServerTitle + 1] = {};
         GetWindowTextA(hWnd, title, static_cast<int>(sizeof title));
-        if (strcmp(title, kServerTitle) != 0) return TRUE;
+        if (strcmp(title, kQuorbelServerTitle) != 0) return TRUE;
         *reinterpret_cast<HWND*>(lParam) = hWnd;
         return FALSE;
     }

@@ -217,11 +217,11 @@ int main(int argc, char** argv) {
     }
     if (!(flags & REQ_STOP_CLIENT) && names.empty()) return UsageError("no file names given");
     if (haveClient && hold) return UsageError("--client and --hold name two different clients");
-    if (static_cast<int>(names.size()) > CQuorbelClient::kMaxNames) {
+    if (static_cast<int>(names.size()) > kQuorbelMaxNames) {
         return UsageError("too many names in one request (at most 255)");
     }
     for (const char* name : names) {
-        if (strlen(name) >= CQuorbelClient::kNameBuffer) {
+        if (strlen(name) >= kQuorbelNameBuffer) {
             return UsageError("name too long (at most 259 bytes)", name);
         }
     }

@@ -2,30 +2,10 @@
 
 #include <cstring>
 
+#include "player/mp3/MP3FrameHeader.h"
 #include "player/pub/Log.h"
 
 namespace {
-
-// Bitrates in kbit/s. Rows: MPEG-1 Layer I, II, III; MPEG-2/2.5 Layer I; MPEG-2/2.5 Layers
-// II and III. Index 0 is free format and index 15 forbidden: both hold 0 so that a size
-// asked for such a header comes out as 0 instead of reading outside the row.
-const uint32_t kBitrateKbps[5][16] = {
-    {0, 32, 64, 96, 128, 160, 192, 224, 256, 288, 320, 352, 384, 416, 448, 0},
-    {0, 32, 48, 56, 64, 80, 96, 112, 128, 160, 192, 224, 256, 320, 384, 0},
-    {0, 32, 40, 48, 56, 64, 80, 96, 112, 128, 160, 192, 224, 256, 320, 0},
-    {0, 32, 48, 56, 64, 80, 96, 112, 128, 144, 160, 176, 192, 224, 256, 0},
-    {0, 8, 16, 24, 32, 40, 48, 56, 64, 80, 96, 112, 128, 144, 160, 0},
-};
-
-// Sample rates in Hz by the two version bits (00 MPEG-2.5, 01 reserved, 10 MPEG-2, 11
-// MPEG-1) and the sample-rate index. The reserved version reads the MPEG-1 row; index 3 is
-// reserved and holds 0.
-const uint32_t kSampleRateHz[4][4] = {
-    {11025, 12000, 8000, 0},
-    {44100, 48000, 32000, 0},
-    {22050, 24000, 16000, 0},
-    {44100, 48000, 32000, 0},
-};
 
 const uint32_t kVersionReserved = 1;
 const uint32_t kVersionMpeg1 = 3;
@@ -54,6 +34,9 @@ bool IsMpeg1Row(uint32_t versionBits)
     return versionBits == kVersionMpeg1 || versionBits == kVersionReserved;
 }
 
+// The row of the frame header's bitrate table: MPEG-1 Layer I, II, III, then MPEG-2 and 2.5
+// Layer I, then their Layers II and III (MPEG-2.5 shares MPEG-2's values). Index 0 (free
+// format) and 15 (forbidden) hold 0 in every row.
 uint32_t BitrateRow(uint32_t versionBits, uint32_t layerBits)
 {
     if (IsMpeg1Row(versionBits)) {
@@ -62,6 +45,14 @@ uint32_t BitrateRow(uint32_t versionBits, uint32_t layerBits)
         return layerBits == kLayerBitsReserved ? 2 : 3 - layerBits;
     }
     return layerBits == kLayerBitsLayer1 ? 3 : 4;
+}
+
+// Sample rate in Hz by the two version bits (00 MPEG-2.5, 01 reserved, read as MPEG-1, 10
+// MPEG-2, 11 MPEG-1) and the index; the reserved index 3 gives 0.
+uint32_t SampleRateHz(uint32_t versionBits, uint32_t index)
+{
+    static const int kRowOfVersion[4] = {2, 0, 1, 0};
+    return index < 3 ? static_cast<uint32_t>(SampleRateTable[kRowOfVersion[versionBits]][index]) : 0;
 }
 
 // The ISO/IEC 11172-3 Layer II restriction, applied with the same indices to every version.
@@ -130,8 +121,9 @@ uint32_t CMP3File::GetFrameSize(const uint8_t* header)
 {
     const uint32_t versionBits = VersionBits(header);
     const uint32_t layerBits = LayerBits(header);
-    const uint32_t bitrate = kBitrateKbps[BitrateRow(versionBits, layerBits)][BitrateIndex(header)] * 1000u;
-    const uint32_t sampleRate = kSampleRateHz[versionBits][SampleRateIndex(header)];
+    const uint32_t bitrate =
+        static_cast<uint32_t>(BitrateTable[BitrateRow(versionBits, layerBits)][BitrateIndex(header)]) * 1000u;
+    const uint32_t sampleRate = SampleRateHz(versionBits, SampleRateIndex(header));
     if (bitrate == 0 || sampleRate == 0) {
         return 0;
     }

@@ -6,6 +6,7 @@
 
 #include <cstdint>
 
+#include "client/QuorbelClient.h"
 #include "player/pub/FileMapObj.h"
 
 class CMP3File : public CFileMapObj {
@@ -51,7 +52,7 @@ public:
     // to a function that throws; the server leaves it null.
     static void (*s_pfnOpenFault)();
 
-    char szFileName[260];
+    char szFileName[kQuorbelNameBuffer];
     const uint8_t* pTagID3V1;
     const uint8_t* pTagID3V2;
     const uint8_t* pFirstFrame;

@@ -9,6 +9,7 @@
 
 #include <cstdio>
 
+#include "client/QuorbelClient.h"
 #include "player/pub/LogPlatform.h"
 #include "player/pub/ThreadPlatform.h"
 
@@ -34,7 +35,7 @@ public:
     const char* FileName() const { return m_szFileName; }
 
 protected:
-    char m_szFileName[260];
+    char m_szFileName[kQuorbelNameBuffer];
     FILE* m_fp;
     CLock m_cs;
 };

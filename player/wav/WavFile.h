@@ -5,6 +5,7 @@
 
 #include <cstdint>
 
+#include "client/QuorbelClient.h"
 #include "player/pub/FileMapObj.h"
 
 class CWavFile : public CFileMapObj {
@@ -41,7 +42,7 @@ public:
     // to a function that throws; the server leaves it null.
     static void (*s_pfnOpenFault)();
 
-    char szFileName[260];
+    char szFileName[kQuorbelNameBuffer];
     const uint8_t* pRiffHeader;
     const uint8_t* pFmtChunk;
     const uint8_t* pDataChunk;
