@@ -14,7 +14,6 @@
 #include <random>
 #include <sstream>
 
-#include "player/mp3/MP3Stream.h"
 #include "player/mp3/decoder/BitReader.h"
 #include "player/mp3/decoder/DecoderTables.h"
 #include "player/mp3/decoder/SynthTables.h"
@@ -47,7 +46,7 @@ std::string Code(const std::string& key) {
         std::istringstream w(line);
         if (!(w >> a) || a[0] == '#') continue;
         if (a == "table" || a == "count1") w >> table;
-        else if (std::isalpha(table[0]) && w >> length >> code) codes[table + " " + std::to_string(std::stoi(a, nullptr, 2))] = code;
+        else if (table[0] >= 'A' && w >> length >> code) codes[table + " " + std::to_string(std::stoi(a, nullptr, 2))] = code;  // count1
         else if (w >> b >> length >> code) codes[table + " " + a + " " + b] = code;
     }
     return codes.count(key) ? codes[key] : "";
