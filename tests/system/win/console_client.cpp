@@ -5,8 +5,10 @@
 //   send FLAGS NAME...            a request from our window (0 before "window"), FLAGS in hex
 //   sendas HANDLE FLAGS NAME...   a request that names HANDLE (hex) as its client
 //   raw DWDATA HEX                a block of exactly these bytes with this dwData (hex)
-//   quit                          end (so does the end of the input)
+//   wait MS / quit                handle our window's messages for MS milliseconds / end
 //   find / close                  the server's window handle / post WM_CLOSE to it (1 if found)
+//   handles                       "pid P event T types TYPE:N ...": the server's process id, the
+//                                 object type number of an event, the server's handles by type
 //   replace SOURCE TARGET         MoveFileEx(SOURCE, TARGET, MOVEFILE_REPLACE_EXISTING); and
 //   truncate FILE BYTES           cutting FILE as a Windows program would: "done" or "refused STEP CODE"
 // A send answers 1 when the server took the request, once it has carried it out: a stop answers
@@ -16,10 +18,12 @@
 
 #include <windows.h>
 
+#include <cstddef>
 #include <cstdio>
 #include <cstdlib>
 #include <deque>
 #include <iostream>
+#include <map>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -85,6 +89,38 @@ void PumpFor(DWORD ms) {
     } while (GetTickCount() - start < ms);
 }
 
+// The system's handle list (SystemHandleInformation), read without importing ntdll: under Wine
+// another process's handle count is answered with 0, so the list is the only count there is.
+struct HandleEntry { ULONG ownerPid; BYTE objectType, flags; USHORT value; PVOID object; ULONG access; };
+struct HandleList { ULONG count; HandleEntry entries[1]; };
+
+std::string Handles() {
+    DWORD pid = 0;
+    auto query = reinterpret_cast<LONG(WINAPI*)(ULONG, PVOID, ULONG, PULONG)>(
+        reinterpret_cast<void*>(GetProcAddress(GetModuleHandleA("ntdll.dll"), "NtQuerySystemInformation")));
+    if (GetWindowThreadProcessId(CQuorbelClient::FindServer(), &pid) == 0 || query == nullptr) return "none";
+    HANDLE event = CreateEventA(nullptr, FALSE, FALSE, nullptr);  // to learn the type number of events
+    std::vector<char> buffer(1 << 16);
+    LONG status;
+    while ((status = query(16, buffer.data(), static_cast<ULONG>(buffer.size()), nullptr)) ==
+               static_cast<LONG>(0xC0000004) && buffer.size() < (1u << 28)) {
+        buffer.resize(buffer.size() * 2);  // the list grew: again with more room
+    }
+    const HandleList* list = reinterpret_cast<const HandleList*>(buffer.data());
+    const size_t room = (buffer.size() - offsetof(HandleList, entries)) / sizeof(HandleEntry);
+    std::map<int, int> byType;
+    int eventType = -1;
+    for (ULONG i = 0; status == 0 && i < list->count && i < room; ++i) {
+        const HandleEntry& e = list->entries[i];
+        if (e.ownerPid == pid) ++byType[e.objectType];
+        if (e.ownerPid == GetCurrentProcessId() && e.value == HandleToUlong(event)) eventType = e.objectType;
+    }
+    CloseHandle(event);
+    std::string text = "pid " + std::to_string(pid) + " event " + std::to_string(eventType) + " types";
+    for (const auto& type : byType) text += " " + std::to_string(type.first) + ":" + std::to_string(type.second);
+    return status == 0 ? text : "none";
+}
+
 std::string Truncate(const std::string& file, const std::string& bytes) {
     // Shared as widely as Windows allows: whatever is refused is refused because of another opener.
     HANDLE h = CreateFileA(file.c_str(), GENERIC_WRITE, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE,
@@ -121,10 +157,15 @@ std::string Carry(const std::vector<std::string>& f) {
         PumpFor(0);
         return GetForegroundWindow() == g_hWnd ? "1" : "0";
     }
+    if (command == "wait" && f.size() > 1) {
+        PumpFor(static_cast<DWORD>(std::strtoul(f[1].c_str(), nullptr, 10)));
+        return "1";
+    }
     HWND server = CQuorbelClient::FindServer();
     if (command == "find") return Hex(static_cast<uint32_t>(HandleToLong(server)));
     // Posted: the server's close waits for its plays, and this client must go on answering.
     if (command == "close") return server != nullptr && PostMessageA(server, WM_CLOSE, 0, 0) ? "1" : "0";
+    if (command == "handles") return Handles();
     if (command == "replace" && f.size() > 2) {
         return MoveFileExA(f[1].c_str(), f[2].c_str(), MOVEFILE_REPLACE_EXISTING) ? "done" : Refused("MoveFileEx");
     }
