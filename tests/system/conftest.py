@@ -1,8 +1,7 @@
 """Fixtures of the system tests: the programs of the Windows build (QUORBEL_WIN_BUILD_DIR) under
 Wine, in the session of scripts/wine-session (by hand: `scripts/wine-session start; . build/session/env`),
 observed from the host: the recording of the session's sink, the server's log, window and process.
-One prefix has one server and one sink: tests run one at a time, each making sure the one before is gone.
-"""
+One prefix has one server and one sink: tests run one at a time, each making sure the one before is gone."""
 
 import os
 import re

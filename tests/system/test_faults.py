@@ -90,8 +90,7 @@ def test_never_deaf_past_the_device_limit_a_frozen_sound_server_or_a_close_it_ho
 
 
 def refused_plays(server, client):
-    """Asks for a WAV and an MP3 play and checks that each is refused, the device's line first;
-    the two codes of waveOutOpen."""
+    """Checks that a WAV and an MP3 play are refused, the device's line first; waveOutOpen's codes."""
     before = len(server.log())
     assert client.send_as(0, IGNORE_FOREGROUND, "noise.wav")
     server.wait_for_log(before + 2)

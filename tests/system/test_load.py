@@ -108,11 +108,13 @@ def test_ten_clients_three_killed_leave_the_server_serving_quiet_whole_and_at_it
 
     rng, runs = random.Random(1), []
     for c in range(1, CLIENTS + 1):
-        # A doomed client goes on until it is killed: its tail, without loops, only keeps it busy.
-        # The others let every play join before they stop: a play still opening is not reached.
+        # A doomed client ends its mix with a loop that only the sweep can stop, then goes on until
+        # it is killed: its tail, without loops or stops, only keeps it busy. The others let every
+        # play join before they stop: a play still opening is not reached.
         doomed = c > CLIENTS - DOOMED
-        lines = [request(rng, c, doomed and i >= REQUESTS // 2) for i in range(40 * REQUESTS if doomed else REQUESTS)]
-        lines = ["window", *lines, *([] if doomed else ["wait\t1000", f"send\t{STOP_CLIENT:X}", "quit"])]
+        lines = ["window", *[request(rng, c, False) for _ in range(REQUESTS // 2 if doomed else REQUESTS)]]
+        lines += [f"send\t{LOOP | IGNORE_FOREGROUND:X}\tloop{c % 4}.wav", *[request(rng, c, True) for _ in range(
+            40 * REQUESTS)]] if doomed else ["wait\t1000", f"send\t{STOP_CLIENT:X}", "quit"]
         (folder / f"client{c}.in").write_text("".join(line + "\n" for line in lines))
         runs.append((new_client((folder / f"client{c}.in").open("rb")), lines, doomed, []))
     started, peak, kill_at = time.monotonic(), threads, {}
@@ -121,7 +123,7 @@ def test_ten_clients_three_killed_leave_the_server_serving_quiet_whole_and_at_it
         for p, lines, doomed, answers in runs:
             collect(p, answers)
             # Killed a seeded moment after every loop it asked for has had time to join the list.
-            if doomed and len(answers) > REQUESTS // 2:
+            if doomed and len(answers) > REQUESTS // 2 + 1:
                 kill_at.setdefault(p, time.monotonic() + 0.8 + rng.uniform(0, 1.5))
             if p in kill_at and time.monotonic() >= kill_at[p]:
                 p.kill()
