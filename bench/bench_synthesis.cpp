@@ -65,35 +65,24 @@ int main()
     std::vector<uint8_t> pcm(4608);
 
     const int kCalls = 200;
-    // The synthesis once per build of the windowing this processor supports, the best last, so
-    // that the figures after these are those the decoder gets.
-    struct PathName {
-        SynthPath path;
-        const char* name;
-    };
-    const SynthPath best = CurrentSynthPath();
-    for (const PathName& p : {PathName{SynthPath::Sse2, "SSE2"}, PathName{SynthPath::Avx, "AVX"}}) {
-        if (!SetSynthPath(p.path))
-            continue;
-        std::printf("windowing: %s%s\n", p.name, p.path == best ? " (chosen)" : "");
-        Report("SynthesizeSlots, single layout", BestNsPerCall(kCalls, [&](int i) {
-                   SynthesizeSlots(slotsOf(i), rings[0], &offsets[0], pcm.data(), 1);
-               }));
-        Report("SynthesizeSlots, interleaved (per channel)", BestNsPerCall(kCalls, [&](int i) {
-                   const int ch = i & 1;
-                   SynthesizeSlots(slotsOf(i), rings[ch], &offsets[ch], pcm.data() + 2 * ch, 2);
-               }));
-        Report("  SynthMatrix x 18", BestNsPerCall(kCalls, [&](int i) {
-                   const float(*slots)[32] = slotsOf(i);
-                   for (int s = 0; s < 18; ++s)
-                       SynthMatrix(slots[s], rings[0], (s * 32) & 511);
-               }));
-        Report("  SynthWindowToPcm x 18", BestNsPerCall(kCalls, [&](int i) {
-                   for (int s = 0; s < 18; ++s)
-                       SynthWindowToPcm(rings[0], ((i + s) * 32) & 511, pcm.data() + 64 * s, 1);
-               }));
-    }
-    SetSynthPath(best);
+    // The synthesis with the windowing of this build (QUORBEL_SYNTH: auto, sse2 or scalar); a
+    // build per choice compares them.
+    Report("SynthesizeSlots, single layout", BestNsPerCall(kCalls, [&](int i) {
+               SynthesizeSlots(slotsOf(i), rings[0], &offsets[0], pcm.data(), 1);
+           }));
+    Report("SynthesizeSlots, interleaved (per channel)", BestNsPerCall(kCalls, [&](int i) {
+               const int ch = i & 1;
+               SynthesizeSlots(slotsOf(i), rings[ch], &offsets[ch], pcm.data() + 2 * ch, 2);
+           }));
+    Report("  SynthMatrix x 18", BestNsPerCall(kCalls, [&](int i) {
+               const float(*slots)[32] = slotsOf(i);
+               for (int s = 0; s < 18; ++s)
+                   SynthMatrix(slots[s], rings[0], (s * 32) & 511);
+           }));
+    Report("  SynthWindowToPcm x 18", BestNsPerCall(kCalls, [&](int i) {
+               for (int s = 0; s < 18; ++s)
+                   SynthWindowToPcm(rings[0], ((i + s) * 32) & 511, pcm.data() + 64 * s, 1);
+           }));
 
     // Hybrid: fresh spectra each granule (the transform works in place), the two granule
     // buffers taking turns as in the decoder. The copy is timed alone and taken off.

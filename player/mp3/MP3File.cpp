@@ -66,8 +66,6 @@ bool IsAllowedLayer2Combination(uint32_t bitrateIndex, uint32_t mode)
 
 }  // namespace
 
-void (*CMP3File::s_pfnOpenFault)() = nullptr;
-
 CMP3File::CMP3File() : pTagID3V1(nullptr), pTagID3V2(nullptr), pFirstFrame(nullptr)
 {
     memset(szFileName, 0, sizeof(szFileName));
@@ -213,9 +211,6 @@ int CMP3File::Open(const char* fileName)
         memcpy(szFileName, name, length);
         szFileName[length] = '\0';
 
-        if (s_pfnOpenFault != nullptr) {
-            s_pfnOpenFault();
-        }
         if (InitFileInfo()) {
             return 1;
         }

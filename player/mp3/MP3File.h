@@ -48,10 +48,6 @@ public:
     // leaves the file.
     const uint8_t* SearchFrameHeader(const uint8_t* pos, SearchStart start) const;
 
-    // Called inside Open's exception guard after the file is mapped, when set. Tests set it
-    // to a function that throws; the server leaves it null.
-    static void (*s_pfnOpenFault)();
-
     char szFileName[kQuorbelNameBuffer];
     const uint8_t* pTagID3V1;
     const uint8_t* pTagID3V2;

@@ -40,8 +40,6 @@ uint32_t ReadU32(const uint8_t* p)
 
 }  // namespace
 
-void (*CWavFile::s_pfnOpenFault)() = nullptr;
-
 CWavFile::CWavFile() : pRiffHeader(nullptr), pFmtChunk(nullptr), pDataChunk(nullptr)
 {
     memset(szFileName, 0, sizeof(szFileName));
@@ -63,9 +61,6 @@ int CWavFile::Open(const char* fileName)
         }
         for (size_t i = 0; i + 1 < sizeof(szFileName) && name[i] != '\0'; ++i) {
             szFileName[i] = name[i];
-        }
-        if (s_pfnOpenFault != nullptr) {
-            s_pfnOpenFault();
         }
         if (InitFileInfo()) {
             return 1;

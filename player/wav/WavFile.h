@@ -38,10 +38,6 @@ public:
     static uint32_t ChunkSize(const uint8_t* chunk);
     static const uint8_t* ChunkBody(const uint8_t* chunk) { return chunk + 8; }
 
-    // Called inside Open's exception guard after the file is mapped, when set. Tests set it
-    // to a function that throws; the server leaves it null.
-    static void (*s_pfnOpenFault)();
-
     char szFileName[kQuorbelNameBuffer];
     const uint8_t* pRiffHeader;
     const uint8_t* pFmtChunk;

@@ -1,50 +1,24 @@
-// Runs a fuzz target once on each input file named on the command line (a folder stands for
-// the files in it), for builds without libFuzzer: the committed regression inputs are replayed
-// by every build, with the sanitizers of that build.
+// Runs a fuzz target once on each input file named on the command line (a folder stands for its
+// files), for builds without libFuzzer: every build replays the committed inputs under its sanitizers.
 
-#include <algorithm>
-#include <cstdint>
-#include <cstdio>
-#include <filesystem>
-#include <fstream>
-#include <iterator>
-#include <string>
-#include <vector>
+#include <set>
+
+#include "tests/support/TestSupport.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size);
 
-namespace fs = std::filesystem;
-
 int main(int argc, char** argv)
 {
-    std::vector<fs::path> inputs;
+    std::set<std::filesystem::path> inputs;  // in order, whatever the folder's
     for (int i = 1; i < argc; ++i) {
-        const fs::path argument(argv[i]);
-        if (fs::is_directory(argument)) {
-            for (const fs::directory_entry& entry : fs::directory_iterator(argument)) {
-                if (entry.is_regular_file()) {
-                    inputs.push_back(entry.path());
-                }
-            }
-        } else {
-            inputs.push_back(argument);
-        }
+        if (!std::filesystem::is_directory(argv[i])) inputs.insert(argv[i]);
+        else inputs.insert(std::filesystem::directory_iterator(argv[i]), std::filesystem::directory_iterator());
     }
-    std::sort(inputs.begin(), inputs.end());
-    if (inputs.empty()) {
-        fprintf(stderr, "no inputs to replay\n");
-        return 1;
-    }
-    for (const fs::path& input : inputs) {
-        std::ifstream in(input, std::ios::binary);
-        if (!in) {
-            fprintf(stderr, "cannot read %s\n", input.string().c_str());
-            return 1;
-        }
-        const std::vector<uint8_t> bytes((std::istreambuf_iterator<char>(in)),
-                                         std::istreambuf_iterator<char>());
-        LLVMFuzzerTestOneInput(bytes.data(), bytes.size());
+    for (const std::filesystem::path& input : inputs) {
+        if (!is_regular_file(input)) return fprintf(stderr, "cannot read %s\n", input.string().c_str()), 1;
+        const std::string bytes = test_support::ReadFile(input.string());
+        LLVMFuzzerTestOneInput(reinterpret_cast<const uint8_t*>(bytes.data()), bytes.size());
     }
     printf("replayed %zu inputs\n", inputs.size());
-    return 0;
+    return inputs.empty() ? 1 : 0;
 }

@@ -14,7 +14,6 @@
 #include <random>
 #include <sstream>
 
-#include "player/mp3/MP3Stream.h"
 #include "player/mp3/decoder/BitReader.h"
 #include "player/mp3/decoder/DecoderTables.h"
 #include "player/mp3/decoder/SynthTables.h"
@@ -47,7 +46,7 @@ std::string Code(const std::string& key) {
         std::istringstream w(line);
         if (!(w >> a) || a[0] == '#') continue;
         if (a == "table" || a == "count1") w >> table;
-        else if (std::isalpha(table[0]) && w >> length >> code) codes[table + " " + std::to_string(std::stoi(a, nullptr, 2))] = code;
+        else if (table[0] >= 'A' && w >> length >> code) codes[table + " " + std::to_string(std::stoi(a, nullptr, 2))] = code;  // count1
         else if (w >> b >> length >> code) codes[table + " " + a + " " + b] = code;
     }
     return codes.count(key) ? codes[key] : "";
@@ -386,11 +385,11 @@ TEST(DecTables, BandsAndSynthesisWindowFollowTheirFiles) {
         if (line[0] != '#' && w >> i >> k && i >= 0 && i < 512) D[i] = k / 65536.0, ++count;
     }
     ASSERT_EQ(count, 512);
-    const auto near = [](float stored, double exact) { return std::fabs(stored - exact) <= 5e-9 + std::fabs(exact) * 6e-8; };
+    const auto nearly = [](float stored, double exact) { return std::fabs(stored - exact) <= 5e-9 + std::fabs(exact) * 6e-8; };
     for (int r = 0; r < 16; ++r)
         for (int m = 0; m < 8; ++m)
-            EXPECT_TRUE(near(SynthWindow[16 * r + 2 * m], -D[r + 64 * m]) && near(SynthWindow[16 * r + 2 * m + 1], -D[r + 64 * m + 32])) << r << " " << m;
-    for (int m = 0; m < 8; ++m) EXPECT_PRED2(near, SynthWindow[256 + m], D[48 + 64 * m]) << m;
+            EXPECT_TRUE(nearly(SynthWindow[16 * r + 2 * m], -D[r + 64 * m]) && nearly(SynthWindow[16 * r + 2 * m + 1], -D[r + 64 * m + 32])) << r << " " << m;
+    for (int m = 0; m < 8; ++m) EXPECT_PRED2(nearly, SynthWindow[256 + m], D[48 + 64 * m]) << m;
 }
 
 // ---- The conversion of the window sums to PCM, through the windowing this build has: truncated

@@ -1,134 +1,103 @@
-"""Fixtures of the system tests: the real programs of the Windows build under Wine, inside the
-private session that scripts/wine-session brings up (scripts/test does; by hand:
-`scripts/wine-session start; . build/session/env`), observed from the host: the recording of the
-session's sound sink, the server's log, its window and its process.
-
-Environment: QUORBEL_WIN_BUILD_DIR, the Windows build (its programs are found by name under
-it); QUORBEL_SESSION_DIR, DISPLAY, PULSE_SERVER and WINEPREFIX from the session's env file.
-
-One Wine prefix has one server, one window title and one sound sink: the tests run one at a time,
-and each makes sure the server of the test before is gone.
-"""
+"""Fixtures of the system tests: the programs of the Windows build (QUORBEL_WIN_BUILD_DIR) under
+Wine, in the session of scripts/wine-session (by hand: `scripts/wine-session start; . build/session/env`),
+observed from the host: the recording of the session's sink, the server's log, window and process.
+One prefix has one server and one sink: tests run one at a time, each making sure the one before is gone."""
 
 import os
 import re
 import select
-import signal
 import subprocess
 import time
 from pathlib import Path
 
+import numpy as np
 import pytest
 
 import sound
 
 REPO = Path(__file__).resolve().parents[2]
-
+RATE = sound.RATE
 LOOP, STOP, STOP_OTHERS, STOP_CLIENT, IGNORE_FOREGROUND = 0x01, 0x02, 0x04, 0x08, 0x10
 
 
 def wait_until(condition, timeout, step=0.05):
     """Polls condition until it holds (True) or timeout seconds pass (False)."""
     end = time.monotonic() + timeout
-    while True:
-        if condition():
-            return True
+    while not condition():
         if time.monotonic() >= end:
             return False
         time.sleep(step)
+    return True
 
 
 @pytest.fixture(scope="session")
-def win_build():
+def exe():
+    """exe(name): the path of NAME.exe in the Windows build."""
     missing = [v for v in ("QUORBEL_WIN_BUILD_DIR", "QUORBEL_SESSION_DIR", "WINEPREFIX", "PULSE_SERVER")
                if not os.environ.get(v)]
     if missing:
         pytest.exit(f"not inside the Wine session: {', '.join(missing)} unset (see conftest.py)", 2)
-    return Path(os.environ["QUORBEL_WIN_BUILD_DIR"])
+    build = Path(os.environ["QUORBEL_WIN_BUILD_DIR"])
+    return lambda name: next(p for p in build.rglob(name + ".exe") if "CMakeFiles" not in p.parts)
 
 
-@pytest.fixture(scope="session")
-def exe(win_build):
-    """The path of NAME.exe in the Windows build."""
-    found = {}
-
-    def path(name):
-        if name not in found:
-            hits = [p for p in win_build.rglob(name + ".exe") if "CMakeFiles" not in p.parts]
-            assert hits, f"{name}.exe not found under {win_build}"
-            found[name] = hits[0]
-        return found[name]
-
-    return path
-
-
-class WinProcess:
+class WinProcess(subprocess.Popen):
     """A Windows program under wine: the process wine starts is the program's own."""
 
-    def __init__(self, exe, args=(), cwd=None, stdin=None, stdout=subprocess.DEVNULL,
-                 stderr=subprocess.DEVNULL):
-        self.popen = subprocess.Popen(["wine", str(exe), *map(str, args)], cwd=cwd, stdin=stdin,
-                                      stdout=stdout, stderr=stderr)
-
-    @property
-    def pid(self):
-        return self.popen.pid
+    def __init__(self, exe, args=(), cwd=None, **streams):
+        streams = {"stdout": subprocess.DEVNULL, "stderr": subprocess.DEVNULL, **streams}
+        super().__init__(["wine", exe, *map(str, args)], cwd=cwd, **streams)
 
     def running(self):
-        return self.popen.poll() is None
+        return self.poll() is None
 
-    def wait(self, timeout):
+    def wait(self, timeout=None):
         """The exit status (negative: the signal), or None when it still runs after timeout."""
         try:
-            return self.popen.wait(timeout)
+            return super().wait(timeout)
         except subprocess.TimeoutExpired:
             return None
-
-    def kill(self):
-        if self.running():
-            self.popen.send_signal(signal.SIGKILL)
-        self.popen.wait()
 
 
 def run_windows(exe, args=(), cwd=None, output=None, timeout=30):
     """Runs a Windows program to its end: its exit status, or None when it did not end in time
     (it is killed then). What it prints, on either stream, goes to the file output, if given."""
-    out = output.open("wb") if output is not None else subprocess.DEVNULL
-    try:
-        p = WinProcess(exe, args, cwd=cwd, stdout=out, stderr=subprocess.STDOUT if output else subprocess.DEVNULL)
+    with (output.open("wb") if output else open(os.devnull, "wb")) as out:
+        p = WinProcess(exe, args, cwd=cwd, stdout=out, stderr=subprocess.STDOUT)
         status = p.wait(timeout)
         if status is None:
             p.kill()
         return status
-    finally:
-        if output is not None:
-            out.close()
 
 
 class Client(WinProcess):
-    """The console client (win/console_client.cpp): one command a line, one answer a line."""
+    """The console client (win/console_client.cpp): one command a line, one answer a line; its
+    commands asked one by one, or all read from a file given as its input."""
 
-    def __init__(self, exe, cwd):
-        super().__init__(exe, cwd=cwd, stdin=subprocess.PIPE, stdout=subprocess.PIPE)
+    def __init__(self, exe, cwd, stdin=subprocess.PIPE):
+        super().__init__(exe, cwd=cwd, stdin=stdin, stdout=subprocess.PIPE)
         self.buffer = b""
 
+    def read(self, timeout=0):
+        """Reads what has come, waiting up to timeout for something; False at the end of output."""
+        if not select.select([self.stdout], [], [], timeout)[0]:
+            return True
+        chunk = os.read(self.stdout.fileno(), 65536)
+        self.buffer += chunk
+        return bool(chunk)
+
     def ask(self, *fields, timeout=30):
-        line = "\t".join(str(f) for f in fields) + "\n"
-        self.popen.stdin.write(line.encode())
-        self.popen.stdin.flush()
-        out = self.popen.stdout.fileno()
+        self.stdin.write(("\t".join(map(str, fields)) + "\n").encode())
+        self.stdin.flush()
         end = time.monotonic() + timeout
         while b"\n" not in self.buffer:
-            left = end - time.monotonic()
-            assert left > 0 and select.select([out], [], [], left)[0], f"no answer to {fields[0]}"
-            chunk = os.read(out, 4096)
-            assert chunk, f"the client ended at {fields[0]}"
-            self.buffer += chunk
+            assert time.monotonic() < end, f"no answer to {fields[0]}"
+            assert self.read(end - time.monotonic()), f"the client ended at {fields[0]}"
         answer, self.buffer = self.buffer.split(b"\n", 1)
         return answer.decode().strip()
 
     def window(self):
-        return self.ask("window")
+        assert self.ask("window") != "0x00000000"
 
     def send(self, flags, *names, timeout=30):
         return self.ask("send", f"{flags:X}", *names, timeout=timeout) == "1"
@@ -139,25 +108,14 @@ class Client(WinProcess):
     def server_window(self):
         return self.ask("find") != "0x00000000"
 
-    def quit(self):
-        if self.running():
-            try:
-                self.ask("quit", timeout=5)
-            except AssertionError:
-                pass
-            if self.wait(5) is None:
-                self.kill()
 
-
-class Recorder:
+class Recorder(subprocess.Popen):
     """What the session's sink plays, recorded with parec: raw 16-bit stereo at 44.1 kHz."""
 
     def __init__(self, path):
         self.path = path
-        path.write_bytes(b"")
-        self.parec = subprocess.Popen(
-            ["parec", "-d", "capture.monitor", "--format=s16le", "--rate=44100", "--channels=2",
-             "--latency-msec=20"], stdout=path.open("wb"), stderr=subprocess.DEVNULL)
+        super().__init__(["parec", "-d", "capture.monitor", "--format=s16le", "--rate=44100", "--channels=2",
+                          "--latency-msec=20"], stdout=path.open("wb"), stderr=subprocess.DEVNULL)
         # The sink's monitor delivers silence in real time: bytes arriving prove the connection.
         assert wait_until(lambda: path.stat().st_size > 0, 5), "parec did not start recording"
 
@@ -165,55 +123,59 @@ class Recorder:
         """Frames recorded so far: a mark for 'after this'."""
         return self.path.stat().st_size // 4
 
+    def samples(self):
+        return sound.read_raw(self.path)
+
     def stop(self, after=0.4):
         """Ends the recording a little later and returns it (frames x 2)."""
         time.sleep(after)
-        if self.parec.poll() is None:
-            self.parec.terminate()
-            self.parec.wait(10)
-        return sound.read_raw(self.path)
-
-    def samples(self):
-        return sound.read_raw(self.path)
+        self.terminate()
+        self.wait(10)
+        return self.samples()
 
     def wait_for_tone(self, frequency, start=0, timeout=10):
         """Waits until the tone is heard in the last tenth of a second recorded, after frame start."""
         def heard():
             now = self.now()
-            tenth = sound.RATE // 10
-            return now - tenth >= start and sound.level(self.samples(), frequency, now - tenth, now) > 1000
+            return now - RATE // 10 >= start and sound.level(self.samples(), frequency, now - RATE // 10, now) > 1000
 
         return wait_until(heard, timeout)
 
-
-def log_messages(folder):
-    """The server's log entries without their time stamps, line numbers as *."""
-    path = Path(folder) / "quorbel.log"
-    if not path.is_file():
-        return []
-    entries = re.findall(r"^\[[^\]]*\](.*?)\r?$", path.read_text(errors="replace"), re.M)
-    return [re.sub(r"^\[([^\]:]+):\d+\]", r"[\1:*]", e) for e in entries]
+    def silent_since(self, frame):
+        return not np.any(self.samples()[frame:])
 
 
 class Server:
     """The server started in a folder of its own."""
 
     def __init__(self, exe, folder, client):
-        self.exe, self.folder, self.client = exe, folder, client
-        self.process = None
+        self.exe, self.folder, self.client, self.process = exe, folder, client, None
 
     def start(self):
         self.process = WinProcess(self.exe, cwd=self.folder)
         assert wait_until(self.client.server_window, 30, 0.1), "the server's window did not come"
-        return self
-
-    def close(self, timeout=15):
-        """Posts WM_CLOSE and waits for the end; the exit status."""
-        self.client.ask("close")
-        return self.process.wait(timeout)
 
     def log(self):
-        return log_messages(self.folder)
+        """The log's entries without their time stamps, line numbers as *."""
+        path = self.folder / "quorbel.log"
+        text = path.read_text(errors="replace") if path.is_file() else ""
+        return [re.sub(r"^\[([^\]:]+):\d+\]", r"[\1:*]", e) for e in re.findall(r"^\[[^\]]*\](.*?)\r?$", text, re.M)]
+
+    def wait_for_log(self, count, timeout=10):
+        """Waits until the log holds count entries and no more come for a moment; the entries."""
+        assert wait_until(lambda: len(self.log()) >= count, timeout, 0.1), self.log()
+        time.sleep(0.3)
+        return self.log()
+
+    def serves(self, record, seed, share=0.95):
+        """Plays a second of fresh noise as client 0 and asserts that (this share of) it is heard."""
+        noise = sound.noise(seed, RATE)
+        sound.write_wav(self.folder / f"serves{seed}.wav", noise)
+        recorder = record(f"serves{seed}")
+        assert self.client.send_as(0, IGNORE_FOREGROUND, f"serves{seed}.wav")
+        time.sleep(2)
+        heard = sound.match(recorder.stop(0), noise)
+        assert heard.whole(share), f"the server does not serve: {heard}"
 
 
 @pytest.fixture
@@ -222,14 +184,21 @@ def folder(tmp_path):
 
 
 @pytest.fixture
-def client(exe, folder):
-    c = Client(exe("console_client"), folder)
-    # One prefix, one server: the one of the test before must be gone.
-    if c.server_window():
+def new_client(exe, folder):
+    """new_client(stdin): a console client, ended with the test at the latest."""
+    started = []
+    yield lambda *stdin: started.append(Client(exe("console_client"), folder, *stdin)) or started[-1]
+    for c in started:
+        c.kill()
+
+
+@pytest.fixture
+def client(new_client):
+    c = new_client()
+    if c.server_window():  # one prefix, one server: the one of the test before must be gone
         c.ask("close")
         assert wait_until(lambda: not c.server_window(), 15, 0.2), "a server from before still runs"
-    yield c
-    c.quit()
+    return c
 
 
 @pytest.fixture
@@ -246,35 +215,12 @@ def server(exe, folder, client):
 def record(folder):
     """record(name): a recording to folder/name.raw, ended with the test at the latest."""
     started = []
-
-    def start(name="recording"):
-        started.append(Recorder(folder / f"{name}.raw"))
-        return started[-1]
-
-    yield start
+    yield lambda name="recording": started.append(Recorder(folder / f"{name}.raw")) or started[-1]
     for r in started:
-        if r.parec.poll() is None:
-            r.parec.kill()
-            r.parec.wait()
+        r.kill()
+        r.wait()
 
 
 @pytest.fixture
 def recorder(record):
     return record()
-
-
-@pytest.fixture
-def in_front(exe, folder):
-    """in_front(tag): another process's window in front until the test ends."""
-    started = []
-
-    def bring(tag):
-        out = folder / f"front-{tag}.out"
-        p = WinProcess(exe("server_front"), ["60"], cwd=folder, stdout=out.open("wb"))
-        started.append(p)
-        assert wait_until(lambda: "front" in out.read_text(errors="replace"), 15), "nothing came to the front"
-        return p
-
-    yield bring
-    for p in started:
-        p.kill()

@@ -16,7 +16,6 @@
 
 #include "player/mp3/decoder/SynthTables.h"
 
-#include <atomic>
 #include <cstddef>
 #include <cstring>
 
@@ -342,21 +341,6 @@ void SynthWindowToPcmSse2(const float ring[512], uint32_t offset, uint8_t* pcm, 
 
 typedef void (*WindowToPcm)(const float* ring, uint32_t offset, uint8_t* pcm, int32_t stride);
 
-#if !defined(QUORBEL_SYNTH_SCALAR) && !defined(QUORBEL_SYNTH_SSE2)
-bool CpuHasAvx()
-{
-    // Also false where the system does not save the wider registers (libgcc checks XGETBV).
-    static const bool has = __builtin_cpu_supports("avx") != 0;
-    return has;
-}
-
-std::atomic<bool>& AvxChosen()
-{
-    static std::atomic<bool> avx{CpuHasAvx()};
-    return avx;
-}
-#endif
-
 // The windowing of this build; in the default build the AVX one where the processor and the
 // system support it, chosen on first use.
 WindowToPcm ChosenWindowing()
@@ -366,32 +350,14 @@ WindowToPcm ChosenWindowing()
 #elif defined(QUORBEL_SYNTH_SSE2)
     return SynthWindowToPcmSse2;
 #else
-    return AvxChosen().load(std::memory_order_relaxed) ? SynthWindowToPcmAvx : SynthWindowToPcmSse2;
+    // False also where the system does not save the wider registers (libgcc checks XGETBV).
+    static const WindowToPcm chosen =
+        __builtin_cpu_supports("avx") != 0 ? SynthWindowToPcmAvx : SynthWindowToPcmSse2;
+    return chosen;
 #endif
 }
 
 }  // namespace
-
-SynthPath CurrentSynthPath()
-{
-#if !defined(QUORBEL_SYNTH_SCALAR) && !defined(QUORBEL_SYNTH_SSE2)
-    return AvxChosen().load(std::memory_order_relaxed) ? SynthPath::Avx : SynthPath::Sse2;
-#else
-    return SynthPath::Sse2;
-#endif
-}
-
-bool SetSynthPath(SynthPath path)
-{
-#if !defined(QUORBEL_SYNTH_SCALAR) && !defined(QUORBEL_SYNTH_SSE2)
-    if (path == SynthPath::Avx && !CpuHasAvx())
-        return false;
-    AvxChosen().store(path == SynthPath::Avx, std::memory_order_relaxed);
-    return true;
-#else
-    return path == SynthPath::Sse2;
-#endif
-}
 
 void SynthMatrix(const float x[32], float ring[512], uint32_t offset)
 {

@@ -24,9 +24,3 @@ void SynthesizeSlots(const float slots[18][32], float ring[512], uint32_t* offse
 // The AVX windowing (SynthWindowWide.cpp), in the auto build only; Synthesis.cpp calls it only
 // where the processor has AVX.
 void SynthWindowToPcmAvx(const float ring[512], uint32_t offset, uint8_t* pcm, int32_t stride);
-
-// Left only for bench/bench_synthesis.cpp, which times each windowing by switching between them;
-// goes as soon as the benchmark times the build's own windowing. Not for the decoder's users.
-enum class SynthPath { Sse2, Avx };
-SynthPath CurrentSynthPath();
-bool SetSynthPath(SynthPath path);

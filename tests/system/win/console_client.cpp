@@ -1,27 +1,30 @@
 // A client of the server for the system tests, driven over standard input and output: one
-// command per line, fields separated by tabs, one answer line per command, flushed at once.
-//
-//   window                        make a hidden top-level window; answers its handle (0x%08X)
+// command a line, fields separated by tabs, one answer line a command, flushed at once.
+//   window / front                make our hidden window (answers its handle, 0x%08X) / bring it
+//                                 to the front (1 when it is in front)
 //   send FLAGS NAME...            a request from our window (0 before "window"), FLAGS in hex
 //   sendas HANDLE FLAGS NAME...   a request that names HANDLE (hex) as its client
-//   raw DWDATA HEX [CBDATA]       a block of the given bytes with the given dwData (hex) and
-//                                 cbData (default: the block's length); "null" sends no block
-//   front                         show our window and bring it to the front; 1 when it is
-//   destroy                       destroy our window
-//   find                          the server's window handle, 0x00000000 when there is none
-//   close                         post WM_CLOSE to the server; 1 when there was one
-//   quit                          end (so does the end of the input)
-//
-// A send answers 1 when the server took the request; it returns once the server has carried it
-// out, so a stop answers only after the stopped sound has played out. Standard input is read on
-// a thread of its own and the commands are carried out on the main thread, which handles the
-// window's messages between them.
+//   raw DWDATA HEX                a block of exactly these bytes with this dwData (hex)
+//   wait MS / quit                handle our window's messages for MS milliseconds / end
+//   find / close                  the server's window handle / post WM_CLOSE to it (1 if found)
+//   handles                       "pid P event T types TYPE:N ...": the server's process id, the
+//                                 object type number of an event, the server's handles by type
+//   replace SOURCE TARGET         MoveFileEx(SOURCE, TARGET, MOVEFILE_REPLACE_EXISTING); and
+//   truncate FILE BYTES           cutting FILE as a Windows program would: "done" or "refused STEP CODE"
+// A send answers 1 when the server took the request, once it has carried it out: a stop answers
+// after the stopped sound has played out. Standard input is read on a thread of its own and the
+// commands are carried out on the main thread, which handles the window's messages between them:
+// a client busy answering still has a live window.
 
 #include <windows.h>
 
+#include <cstddef>
 #include <cstdio>
 #include <cstdlib>
 #include <deque>
+#include <iostream>
+#include <map>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -30,45 +33,25 @@
 namespace {
 
 const UINT WM_COMMAND_READY = WM_APP + 1;
-// Long enough for a stop of many plays, which drain one after another.
-const DWORD kSendTimeoutMs = 120000;
+const DWORD kSendTimeoutMs = 120000;  // a stop of many plays drains them one after another
 
 CRITICAL_SECTION g_lock;
 std::deque<std::string> g_lines;  // under g_lock
 DWORD g_mainThread = 0;
 HWND g_hWnd = nullptr;
 
-void Queue(const std::string& line) {
-    EnterCriticalSection(&g_lock);
-    g_lines.push_back(line);
-    LeaveCriticalSection(&g_lock);
-    PostThreadMessageA(g_mainThread, WM_COMMAND_READY, 0, 0);
-}
-
 DWORD WINAPI ReadInput(LPVOID) {
     std::string line;
-    for (int c = std::getchar(); c != EOF; c = std::getchar()) {
-        if (c == '\n') {
-            Queue(line);
-            line.clear();
-        } else if (c != '\r') {
-            line.push_back(static_cast<char>(c));
-        }
+    bool more = true;
+    while (more) {
+        more = static_cast<bool>(std::getline(std::cin, line));
+        if (!line.empty() && line.back() == '\r') line.pop_back();
+        EnterCriticalSection(&g_lock);
+        g_lines.push_back(more ? line : "quit");
+        LeaveCriticalSection(&g_lock);
+        PostThreadMessageA(g_mainThread, WM_COMMAND_READY, 0, 0);
     }
-    if (!line.empty()) Queue(line);
-    Queue("quit");
     return 0;
-}
-
-std::vector<std::string> Fields(const std::string& line) {
-    std::vector<std::string> fields;
-    size_t start = 0;
-    for (;;) {
-        size_t tab = line.find('\t', start);
-        fields.push_back(line.substr(start, tab == std::string::npos ? std::string::npos : tab - start));
-        if (tab == std::string::npos) return fields;
-        start = tab + 1;
-    }
 }
 
 std::string Hex(uint32_t v) {
@@ -79,83 +62,115 @@ std::string Hex(uint32_t v) {
 
 unsigned long long FromHex(const std::string& text) { return std::strtoull(text.c_str(), nullptr, 16); }
 
+std::string Refused(const char* step) { return "refused " + std::string(step) + " " + Hex(GetLastError()); }
+
+std::string SendCopyData(ULONG_PTR dwData, const void* data, DWORD size) {
+    COPYDATASTRUCT cds = {dwData, size, const_cast<void*>(data)};
+    DWORD_PTR result = 0;
+    return SendMessageTimeoutA(CQuorbelClient::FindServer(), WM_COPYDATA, 0, reinterpret_cast<LPARAM>(&cds),
+                               SMTO_NORMAL, kSendTimeoutMs, &result) != 0 && result != 0 ? "1" : "0";
+}
+
 std::string Send(LONG client, const std::vector<std::string>& fields, size_t first) {
-    if (fields.size() <= first) return "0";
     CQuorbelClient::CRequestBlock block(client);
     for (size_t i = first + 1; i < fields.size(); ++i) {
         if (!block.AddName(fields[i].c_str())) return "0";
     }
-    unsigned flags = static_cast<unsigned>(FromHex(fields[first]));
-    return CQuorbelClient::SendBlock(CQuorbelClient::FindServer(), block, flags, kSendTimeoutMs) ? "1" : "0";
+    return SendCopyData(CQuorbelClient::MakeDwData(block.Count(), static_cast<unsigned>(FromHex(fields[first]))),
+                        block.Data(), block.Size());
 }
 
-// A block exactly as given, for requests no well-behaved client makes.
-std::string SendRaw(const std::vector<std::string>& fields) {
-    if (fields.size() < 3) return "0";
-    std::string bytes;
-    const std::string& hex = fields[2];
-    for (size_t i = 0; i + 1 < hex.size(); i += 2) {
-        bytes.push_back(static_cast<char>(std::strtoul(hex.substr(i, 2).c_str(), nullptr, 16)));
+void PumpFor(DWORD ms) {
+    const DWORD start = GetTickCount();
+    do {
+        MsgWaitForMultipleObjects(0, nullptr, FALSE, 20, QS_ALLINPUT);
+        MSG msg;
+        while (PeekMessageA(&msg, nullptr, 0, 0, PM_REMOVE)) DispatchMessageA(&msg);
+    } while (GetTickCount() - start < ms);
+}
+
+// The system's handle list (SystemHandleInformation), read without importing ntdll: under Wine
+// another process's handle count is answered with 0, so the list is the only count there is.
+struct HandleEntry { ULONG ownerPid; BYTE objectType, flags; USHORT value; PVOID object; ULONG access; };
+struct HandleList { ULONG count; HandleEntry entries[1]; };
+
+std::string Handles() {
+    DWORD pid = 0;
+    auto query = reinterpret_cast<LONG(WINAPI*)(ULONG, PVOID, ULONG, PULONG)>(
+        reinterpret_cast<void*>(GetProcAddress(GetModuleHandleA("ntdll.dll"), "NtQuerySystemInformation")));
+    if (GetWindowThreadProcessId(CQuorbelClient::FindServer(), &pid) == 0 || query == nullptr) return "none";
+    HANDLE event = CreateEventA(nullptr, FALSE, FALSE, nullptr);  // to learn the type number of events
+    std::vector<char> buffer(1 << 16);
+    LONG status;
+    while ((status = query(16, buffer.data(), static_cast<ULONG>(buffer.size()), nullptr)) ==
+               static_cast<LONG>(0xC0000004) && buffer.size() < (1u << 28)) {
+        buffer.resize(buffer.size() * 2);  // the list grew: again with more room
     }
-    COPYDATASTRUCT cds;
-    cds.dwData = static_cast<ULONG_PTR>(FromHex(fields[1]));
-    cds.cbData = fields.size() > 3 ? static_cast<DWORD>(std::strtoul(fields[3].c_str(), nullptr, 10))
-                                   : static_cast<DWORD>(bytes.size());
-    cds.lpData = hex == "null" ? nullptr : const_cast<char*>(bytes.data());
-    DWORD_PTR result = 0;
-    LRESULT sent = SendMessageTimeoutA(CQuorbelClient::FindServer(), WM_COPYDATA, 0,
-                                       reinterpret_cast<LPARAM>(&cds), SMTO_NORMAL, kSendTimeoutMs, &result);
-    return sent != 0 && result != 0 ? "1" : "0";
-}
-
-void Pump() {
-    MSG msg;
-    while (PeekMessageA(&msg, nullptr, 0, 0, PM_REMOVE)) {
-        TranslateMessage(&msg);
-        DispatchMessageA(&msg);
+    const HandleList* list = reinterpret_cast<const HandleList*>(buffer.data());
+    const size_t room = (buffer.size() - offsetof(HandleList, entries)) / sizeof(HandleEntry);
+    std::map<int, int> byType;
+    int eventType = -1;
+    for (ULONG i = 0; status == 0 && i < list->count && i < room; ++i) {
+        const HandleEntry& e = list->entries[i];
+        if (e.ownerPid == pid) ++byType[e.objectType];
+        if (e.ownerPid == GetCurrentProcessId() && e.value == HandleToUlong(event)) eventType = e.objectType;
     }
+    CloseHandle(event);
+    std::string text = "pid " + std::to_string(pid) + " event " + std::to_string(eventType) + " types";
+    for (const auto& type : byType) text += " " + std::to_string(type.first) + ":" + std::to_string(type.second);
+    return status == 0 ? text : "none";
 }
 
-std::string Carry(const std::vector<std::string>& fields) {
-    const std::string& command = fields[0];
-    if (command == "window") {
-        if (g_hWnd == nullptr) {
-            WNDCLASSA wc = {};
-            wc.lpfnWndProc = DefWindowProcA;
-            wc.hInstance = GetModuleHandleA(nullptr);
-            wc.lpszClassName = "QuorbelTestClient";
-            RegisterClassA(&wc);
-            g_hWnd = CreateWindowExA(0, wc.lpszClassName, "quorbel test client", WS_OVERLAPPEDWINDOW, 10,
-                                     10, 200, 100, nullptr, nullptr, wc.hInstance, nullptr);
+std::string Truncate(const std::string& file, const std::string& bytes) {
+    // Shared as widely as Windows allows: whatever is refused is refused because of another opener.
+    HANDLE h = CreateFileA(file.c_str(), GENERIC_WRITE, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE,
+                           nullptr, OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr);
+    if (h == INVALID_HANDLE_VALUE) return Refused("CreateFile");
+    LARGE_INTEGER at;
+    at.QuadPart = std::strtoll(bytes.c_str(), nullptr, 10);
+    const std::string answer = SetFilePointerEx(h, at, nullptr, FILE_BEGIN) && SetEndOfFile(h) ? "done"
+                                                                                            : Refused("SetEndOfFile");
+    CloseHandle(h);
+    return answer;
+}
+
+std::string Carry(const std::vector<std::string>& f) {
+    const std::string& command = f[0];
+    if (command == "window" && g_hWnd == nullptr) {
+        g_hWnd = CreateWindowExA(0, "STATIC", "quorbel test client", WS_OVERLAPPEDWINDOW, 10, 10, 200, 100,
+                                 nullptr, nullptr, GetModuleHandleA(nullptr), nullptr);
+    }
+    if (command == "window") return Hex(static_cast<uint32_t>(HandleToLong(g_hWnd)));
+    if (command == "send" && f.size() > 1) return Send(HandleToLong(g_hWnd), f, 1);
+    if (command == "sendas" && f.size() > 2) return Send(static_cast<LONG>(FromHex(f[1])), f, 2);
+    if (command == "raw" && f.size() > 2) {
+        std::string bytes;
+        for (size_t i = 0; i + 1 < f[2].size(); i += 2) {
+            bytes.push_back(static_cast<char>(std::strtoul(f[2].substr(i, 2).c_str(), nullptr, 16)));
         }
-        return Hex(static_cast<uint32_t>(HandleToLong(g_hWnd)));
+        // Never a null pointer, not even for an empty block.
+        return SendCopyData(static_cast<ULONG_PTR>(FromHex(f[1])), bytes.data(), static_cast<DWORD>(bytes.size()));
     }
-    if (command == "send") return Send(HandleToLong(g_hWnd), fields, 1);
-    if (command == "sendas" && fields.size() > 1) {
-        return Send(static_cast<LONG>(FromHex(fields[1])), fields, 2);
-    }
-    if (command == "raw") return SendRaw(fields);
-    if (command == "front") {
-        if (g_hWnd == nullptr) return "0";
+    if (command == "front" && g_hWnd != nullptr) {
         ShowWindow(g_hWnd, SW_SHOW);
         SetForegroundWindow(g_hWnd);
-        Pump();
+        PumpFor(0);
         return GetForegroundWindow() == g_hWnd ? "1" : "0";
     }
-    if (command == "destroy") {
-        if (g_hWnd != nullptr) DestroyWindow(g_hWnd);
-        g_hWnd = nullptr;
+    if (command == "wait" && f.size() > 1) {
+        PumpFor(static_cast<DWORD>(std::strtoul(f[1].c_str(), nullptr, 10)));
         return "1";
     }
-    if (command == "find") return Hex(static_cast<uint32_t>(HandleToLong(CQuorbelClient::FindServer())));
-    if (command == "close") {
-        HWND server = CQuorbelClient::FindServer();
-        if (server == nullptr) return "0";
-        // Posted: the server's close waits for its plays, and this helper must go on answering.
-        PostMessageA(server, WM_CLOSE, 0, 0);
-        return "1";
+    HWND server = CQuorbelClient::FindServer();
+    if (command == "find") return Hex(static_cast<uint32_t>(HandleToLong(server)));
+    // Posted: the server's close waits for its plays, and this client must go on answering.
+    if (command == "close") return server != nullptr && PostMessageA(server, WM_CLOSE, 0, 0) ? "1" : "0";
+    if (command == "handles") return Handles();
+    if (command == "replace" && f.size() > 2) {
+        return MoveFileExA(f[1].c_str(), f[2].c_str(), MOVEFILE_REPLACE_EXISTING) ? "done" : Refused("MoveFileEx");
     }
-    return "unknown command";
+    if (command == "truncate" && f.size() > 2) return Truncate(f[1], f[2]);
+    return "0";
 }
 
 }  // namespace
@@ -168,31 +183,23 @@ int main() {
     HANDLE reader = CreateThread(nullptr, 0, &ReadInput, nullptr, 0, nullptr);
     if (reader == nullptr) return 2;
     CloseHandle(reader);
-    for (;;) {
-        if (GetMessageA(&msg, nullptr, 0, 0) <= 0) break;
-        if (msg.message != WM_COMMAND_READY) {
-            TranslateMessage(&msg);
-            DispatchMessageA(&msg);
-            continue;
-        }
+    while (GetMessageA(&msg, nullptr, 0, 0) > 0) {
+        if (msg.message != WM_COMMAND_READY) DispatchMessageA(&msg);
         for (;;) {
             EnterCriticalSection(&g_lock);
-            if (g_lines.empty()) {
-                LeaveCriticalSection(&g_lock);
-                break;
-            }
-            std::string line = g_lines.front();
-            g_lines.pop_front();
+            const bool any = !g_lines.empty();
+            const std::string line = any ? g_lines.front() : std::string();
+            if (any) g_lines.pop_front();
             LeaveCriticalSection(&g_lock);
-            std::vector<std::string> fields = Fields(line);
-            if (fields[0] == "quit") {
-                std::printf("1\n");
-                std::fflush(stdout);
-                if (g_hWnd != nullptr) DestroyWindow(g_hWnd);
-                return 0;
-            }
-            std::printf("%s\n", Carry(fields).c_str());
+            if (!any) break;
+            std::vector<std::string> fields;
+            std::istringstream in(line);
+            for (std::string field; std::getline(in, field, '\t');) fields.push_back(field);
+            if (line.empty() || line.back() == '\t') fields.push_back("");  // the last field, empty
+            const bool quit = fields[0] == "quit";
+            std::printf("%s\n", quit ? "1" : Carry(fields).c_str());
             std::fflush(stdout);
+            if (quit) return 0;  // our window goes with the process
         }
     }
     return 0;

@@ -1,0 +1,160 @@
+"""What the server plays, as recorded from the session's sound server: WAV files bit for bit, MP3
+files as quorbel-decode decodes them or at their own format, loops without a gap, the stops, and
+the foreground. MP3 material is encoded with lame at test time from PCM made here."""
+
+import os
+import subprocess
+import time
+from pathlib import Path
+
+import numpy as np
+
+import sound
+from conftest import IGNORE_FOREGROUND, LOOP, RATE, REPO, STOP, STOP_CLIENT, STOP_OTHERS
+
+
+def decode(folder, name):
+    """The native quorbel-decode's PCM of the MP3 file (frames x 2) but the exact zeros at its ends."""
+    decoder = Path(os.environ.get("QUORBEL_NATIVE_BUILD_DIR", REPO / "build" / "native")) / "bin" / "quorbel-decode"
+    assert os.access(decoder, os.X_OK), f"{decoder} not found (QUORBEL_NATIVE_BUILD_DIR names the native build)"
+    (folder / "decode").mkdir(exist_ok=True)  # a folder of its own, so that a log it writes is not the server's
+    subprocess.run([decoder, "--raw", folder / name, "out.raw"], cwd=folder / "decode", timeout=30, check=True)
+    pcm = sound.read_raw(folder / "decode" / "out.raw")
+    loud = np.flatnonzero(np.any(pcm != 0, axis=1))
+    return pcm[loud[0] : loud[-1] + 1]
+
+
+def test_files_play_once_exactly_or_at_their_own_format_and_loop_without_a_gap(server, client, recorder, folder):
+    wav, loop = sound.noise(1101, RATE), sound.noise(31, RATE // 2)
+    sound.write_wav(folder / "noise.wav", wav)
+    sound.write_wav(folder / "loop.wav", loop)
+    # Two data chunks with an odd-sized chunk between them, stepped over without a pad byte.
+    first, second = sound.noise(21, RATE // 2), sound.noise(22, RATE // 2)
+    (folder / "two.wav").write_bytes(sound.riff(sound.fmt_chunk(), sound.chunk(b"data", first.tobytes()),
+                                                sound.chunk(b"junk", b"abc"), sound.chunk(b"data", second.tobytes())))
+    sound.write_mp3(folder / "noise.mp3", sound.noise(1201, 2 * RATE), RATE, "-b", "128")
+    # A tone played at another rate or channel count than its own is heard at another pitch.
+    sound.write_mp3(folder / "mono.mp3", sound.tone(700, 1, channels=1), RATE, "-m", "m", "-b", "96")
+    sound.write_mp3(folder / "half.mp3", sound.tone(1500, 1, rate=RATE // 2), RATE // 2, "-b", "64")
+    half = (folder / "half.mp3").read_bytes()
+    assert half[1] & 0x18 == 0x10 and (half[2] >> 2) & 3 == 0, "lame did not write MPEG-2 at 22050 Hz"
+    # Five frames, no tag frame: a pass shorter than the output's ring. The decoder runs on from
+    # pass to pass, so a loop sounds as the frames decoded several times in a row.
+    sound.write_mp3(folder / "loop.mp3", sound.noise(1401, 4000), RATE, "-t", "-b", "128")
+    assert 5 * 417 <= len((folder / "loop.mp3").read_bytes()) <= 5 * 418, "lame did not write five frames"
+    (folder / "eight.mp3").write_bytes((folder / "loop.mp3").read_bytes() * 8)
+
+    server.start()
+    marks = []
+    for name, seconds in (("noise.wav", 1.5), ("two.wav", 1.5), ("noise.mp3", 2.5), ("mono.mp3", 1.6),
+                          ("half.mp3", 1.6)):
+        marks.append(recorder.now())
+        assert client.send(IGNORE_FOREGROUND, name)
+        time.sleep(seconds)
+    marks.append(recorder.now())
+    assert client.send(LOOP | IGNORE_FOREGROUND, "loop.wav")
+    time.sleep(2.3)
+    assert client.send(STOP, ".\\loop.wav")  # other forms of the same path are other names
+    assert client.send(STOP, "sub\\..\\loop.wav")
+    marks.append(recorder.now())
+    time.sleep(0.8)
+    assert client.send(STOP, "LOOP.WAV")
+    marks.append(recorder.now())
+    time.sleep(0.8)
+    marks.append(recorder.now())
+    assert client.send(LOOP | IGNORE_FOREGROUND, "loop.mp3")
+    time.sleep(2)
+    assert client.send(STOP, "Loop.Mp3")
+    marks.append(recorder.now())
+    rec = recorder.stop(1)
+
+    for material, mark in ((wav, 0), (np.concatenate((first, second)), 1), (decode(folder, "noise.mp3"), 2)):
+        heard = sound.match(rec, material, marks[mark])
+        assert heard.whole(), heard
+        assert sound.match(rec, material, heard.end).found == 0, "played more than once"
+    assert 0.8 <= sound.tone_seconds(rec, 700, marks[3], marks[4]) <= 1.2, "mono MP3"
+    assert 0.8 <= sound.tone_seconds(rec, 1500, marks[4], marks[5]) <= 1.2, "MPEG-2 MP3 at 22050 Hz"
+    passes = sound.match(rec, np.tile(loop, (4, 1)), marks[5])
+    assert passes.whole(), f"the WAV's passes do not follow one another directly: {passes}"
+    assert sound.match(rec, loop, marks[6]).found > 0, "a stop by another form of the path stopped it"
+    # A stop returns once the queued sound has played: nothing after it.
+    assert not np.any(rec[marks[7] + RATE // 2 : marks[8]]), "the WAV loop sounded after its stop"
+    passes = sound.match(rec, decode(folder, "eight.mp3"), marks[8])
+    assert passes.whole(), f"the MP3's passes are not its frames over again: {passes}"
+    assert not np.any(rec[marks[9] + RATE // 2 :]), "the MP3 loop sounded after its stop"
+    assert server.log() == []
+
+
+def test_stops_reach_the_plays_they_name_and_plays_follow_the_foreground(
+        server, client, new_client, recorder, folder):
+    tones = {"a.wav": 440, "b.mp3": 1000, "c.mp3": 2500, "d.mp3": 1700, "e.wav": 3100}
+    for name, frequency in tones.items():
+        (sound.write_wav if name.endswith(".wav") else sound.write_mp3)(folder / name, sound.tone(frequency, 1, 6000))
+    always, noise = sound.noise(51, RATE), sound.noise(41, 10 * RATE)
+    sound.write_wav(folder / "always.wav", always)
+    sound.write_wav(folder / "fg.wav", noise)
+    server.start()
+    other = new_client()
+    client.window()
+    other.window()
+    assert client.send(LOOP | IGNORE_FOREGROUND, "a.wav", "b.mp3", "c.mp3")
+    assert other.send(LOOP | IGNORE_FOREGROUND, "d.mp3", "e.wav")
+    for frequency in tones.values():
+        assert recorder.wait_for_tone(frequency), frequency
+    time.sleep(0.5)
+    marks = [recorder.now()]
+    assert client.send(STOP | STOP_OTHERS, "A.WAV")  # all of this client's plays but a.wav
+    marks.append(recorder.now())
+    time.sleep(1.2)
+    assert other.send(STOP_CLIENT)  # no names
+    marks.append(recorder.now())
+    time.sleep(1.2)
+    assert client.send(STOP | STOP_OTHERS, "a.wav", "x.wav")  # each name stops the other
+    marks.append(recorder.now())
+    time.sleep(1.2)
+    marks.append(recorder.now())
+
+    # Another window in front: a play that follows the foreground starts silent, one told to
+    # ignore it does not; the first sounds only while its client is in front, on its own timeline.
+    assert other.ask("front") == "1"
+    time.sleep(1.2)  # the server's once-a-second look sees it
+    assert client.send(IGNORE_FOREGROUND, "always.wav")
+    time.sleep(1.5)
+    start = recorder.now()
+    assert client.send(0, "fg.wav")
+    time.sleep(1.5)
+    fronts = []
+    for front in (client, other, client):
+        assert front.ask("front") == "1"
+        fronts.append(recorder.now() - start)
+        time.sleep(2.5)
+    rec = recorder.stop(3.5)
+
+    def sounds(frequency, begin, end):
+        # Loud in at least half of the 100 ms windows: the sound server may drop out for a moment,
+        # and a looped MP3 restarts its tone's phase at each pass, which lowers the seam's window.
+        levels = [sound.level(rec, frequency, at, at + 4410) for at in range(begin, end - 4410 + 1, 4410)]
+        return np.mean([level > 2500 for level in levels]) >= 0.5
+
+    expected = [set(tones.values()), {440, 1700, 3100}, {440}, set()]
+    spans = [(marks[0] - RATE // 2, marks[0])] + [(m + RATE // 2, n) for m, n in zip(marks[1:], marks[2:])]
+    for step, ((begin, end), on) in enumerate(zip(spans, expected)):
+        for frequency in tones.values():
+            if frequency in on:
+                assert sounds(frequency, begin, end), f"{frequency} Hz stopped at step {step}"
+            else:
+                assert sound.level(rec, frequency, begin, end) < 300, f"{frequency} Hz sounds at step {step}"
+    assert not np.any(rec[marks[3] + RATE // 2 : marks[4]]), "sound after every play was stopped"
+
+    heard = sound.match(rec, always, marks[4])
+    assert heard.whole() and heard.end <= start, f"silenced though told to ignore the foreground: {heard}"
+    runs = sound.sound_runs(rec[start:], RATE // 5)
+    assert len(runs) == 2, f"expected one audible stretch per time in front: {runs}"
+    for front, at in zip(fronts, (runs[0][0], runs[0][1], runs[1][0])):
+        assert front <= at <= front + RATE * 3 // 2, (fronts, runs)  # the one-second look, a buffer, the way out
+    # Both stretches are the file on one timeline: the silent part kept its length, and the play
+    # ends where the file ends. Blocks cut by a switch are not found; all others are, in order.
+    heard = sound.match(rec[start:], noise)
+    audible_blocks = sum(end - begin for begin, end in runs) // sound.BLOCK_FRAMES
+    assert heard.early == 0 and heard.found >= 0.95 * audible_blocks - 4, heard
+    assert abs(heard.end - runs[1][1]) <= 256, heard
