@@ -6,14 +6,13 @@
 #include "player/pub/ThreadPlatform.h"
 
 BEGIN_MESSAGE_MAP(CMainFrame, CFrameWnd)
-    ON_WM_COPYDATA()
-    ON_WM_TIMER()
-    ON_WM_CREATE()
-    ON_WM_CLOSE()
+ON_WM_COPYDATA()
+ON_WM_TIMER()
+ON_WM_CREATE()
+ON_WM_CLOSE()
 END_MESSAGE_MAP()
 
-CMainFrame::CMainFrame()
-    : m_bSweepTimerStarted(FALSE), m_dwForegroundPid(0) {}
+CMainFrame::CMainFrame() : m_bSweepTimerStarted(FALSE), m_dwForegroundPid(0) {}
 
 CMainFrame::~CMainFrame() {}
 

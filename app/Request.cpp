@@ -17,9 +17,11 @@ int DecodeRequest(const void* data, size_t cbData, uintptr_t dwData, Request* re
     const char* name = block + sizeof client;
     const char* end = block + cbData;
     for (int i = 0; i < count && name < end; ++i) {
-        const char* nul = static_cast<const char*>(std::memchr(name, '\0', static_cast<size_t>(end - name)));
+        const char* nul =
+            static_cast<const char*>(std::memchr(name, '\0', static_cast<size_t>(end - name)));
         if (nul == nullptr) break;
-        if (static_cast<size_t>(nul - name) < kQuorbelNameBuffer) request->names[request->nNames++] = name;
+        if (static_cast<size_t>(nul - name) < kQuorbelNameBuffer)
+            request->names[request->nNames++] = name;
         name = nul + 1;
     }
     return 1;

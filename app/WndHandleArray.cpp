@@ -4,9 +4,12 @@
 #include <cstdlib>
 #include <cstring>
 
-CWndHandleArray::CWndHandleArray() : m_nGrowBy(10), m_nCapacity(0), m_nCount(0), m_pItems(nullptr) {}
+CWndHandleArray::CWndHandleArray()
+    : m_nGrowBy(10), m_nCapacity(0), m_nCount(0), m_pItems(nullptr) {}
 
-CWndHandleArray::~CWndHandleArray() { free(m_pItems); }
+CWndHandleArray::~CWndHandleArray() {
+    free(m_pItems);
+}
 
 LONG CWndHandleArray::GetAt(int i) const {
     if (i < 0 || i >= m_nCount) return 0;

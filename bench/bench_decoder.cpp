@@ -36,27 +36,25 @@ struct Case {
 
 std::vector<uint8_t> ReadFile(const fs::path& path) {
     std::ifstream in(path, std::ios::binary);
-    return std::vector<uint8_t>(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+    return std::vector<uint8_t>(std::istreambuf_iterator<char>(in),
+                                std::istreambuf_iterator<char>());
 }
 
 // The first offset where a decodable frame is followed by another one: steps over an ID3v2 tag
 // or leading junk without the file scanner.
 size_t FindFirstFrame(const std::vector<uint8_t>& bytes) {
     for (size_t pos = 0; pos + 4 < bytes.size(); ++pos) {
-        if (bytes[pos] != 0xFF)
-            continue;
+        if (bytes[pos] != 0xFF) continue;
         CMP3Decoder probe;
         MP3StreamInfo info{};
         const int32_t left = static_cast<int32_t>(std::min<size_t>(bytes.size() - pos, 0x7FFFFFFF));
-        if (!probe.StartDecoder(bytes.data() + pos, left, &info))
-            continue;
+        if (!probe.StartDecoder(bytes.data() + pos, left, &info)) continue;
         std::vector<uint8_t> pcm(static_cast<size_t>(info.outFrameBytes));
         MP3FrameIO io{};
         io.inData = bytes.data() + pos;
         io.inLength = left;
         io.outData = pcm.data();
-        if (!probe.DecodeFrame(&io))
-            continue;
+        if (!probe.DecodeFrame(&io)) continue;
         const size_t next = pos + static_cast<size_t>(io.inLength);
         if (next + 1 < bytes.size() && bytes[next] == 0xFF && (bytes[next + 1] & 0xE0) == 0xE0)
             return pos;
@@ -75,19 +73,18 @@ PassResult DecodeAll(CMP3Decoder& dec, const Case& c, uint8_t* pcm) {
     MP3StreamInfo info{};
     const uint8_t* data = c.bytes.data();
     size_t pos = c.first;
-    if (!dec.StartDecoder(data + pos, static_cast<int32_t>(c.bytes.size() - pos), &info))
-        return r;
+    if (!dec.StartDecoder(data + pos, static_cast<int32_t>(c.bytes.size() - pos), &info)) return r;
     while (pos < c.bytes.size()) {
         MP3FrameIO io{};
         io.inData = data + pos;
         io.inLength = static_cast<int32_t>(c.bytes.size() - pos);
         io.outData = pcm;
-        if (!dec.DecodeFrame(&io))
-            break;
+        if (!dec.DecodeFrame(&io)) break;
         pos += static_cast<size_t>(io.inLength);
         ++r.frames;
     }
-    r.audioSeconds = r.frames * (info.outFrameBytes / (2.0 * info.outChannels)) / info.outSampleRate;
+    r.audioSeconds =
+        r.frames * (info.outFrameBytes / (2.0 * info.outChannels)) / info.outSampleRate;
     return r;
 }
 
@@ -102,22 +99,24 @@ void RunCase(const Case& c, double budgetSeconds) {
     // Best of several timed rounds, each of whole passes, so that a busy machine shows less.
     double best = 1e30;
     int passesPerRound = 1;
-    const auto until = std::chrono::steady_clock::now() + std::chrono::duration<double>(budgetSeconds);
+    const auto until =
+        std::chrono::steady_clock::now() + std::chrono::duration<double>(budgetSeconds);
     do {
         const auto t0 = std::chrono::steady_clock::now();
-        for (int p = 0; p < passesPerRound; ++p)
-            DecodeAll(*dec, c, pcm.data());
+        for (int p = 0; p < passesPerRound; ++p) DecodeAll(*dec, c, pcm.data());
         const double elapsed =
             std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count();
         best = std::min(best, elapsed / passesPerRound);
-        if (elapsed < 0.05)
-            passesPerRound *= 2;
+        if (elapsed < 0.05) passesPerRound *= 2;
     } while (std::chrono::steady_clock::now() < until);
-    std::printf("%-28s %6d frames %7.1f s audio  %8.0fx real time  %7.0f ns/frame\n", c.name.c_str(),
-                warm.frames, warm.audioSeconds, warm.audioSeconds / best, best * 1e9 / warm.frames);
+    std::printf("%-28s %6d frames %7.1f s audio  %8.0fx real time  %7.0f ns/frame\n",
+                c.name.c_str(), warm.frames, warm.audioSeconds, warm.audioSeconds / best,
+                best * 1e9 / warm.frames);
 }
 
-bool Run(const std::string& command) { return std::system((command + " >/dev/null 2>&1").c_str()) == 0; }
+bool Run(const std::string& command) {
+    return std::system((command + " >/dev/null 2>&1").c_str()) == 0;
+}
 
 std::vector<Case> MakeEncodedCases(const fs::path& dir) {
     std::vector<Case> cases;
@@ -142,14 +141,12 @@ std::vector<Case> MakeEncodedCases(const fs::path& dir) {
     int index = 0;
     for (const Encoding& e : encodings) {
         const std::string out = d + "/case" + std::to_string(index++) + ".mp3";
-        if (!Run(std::string("lame --quiet ") + e.options + " " + music + " " + out))
-            continue;
+        if (!Run(std::string("lame --quiet ") + e.options + " " + music + " " + out)) continue;
         Case c;
         c.name = e.name;
         c.bytes = ReadFile(out);
         c.first = FindFirstFrame(c.bytes);
-        if (c.first < c.bytes.size())
-            cases.push_back(std::move(c));
+        if (c.first < c.bytes.size()) cases.push_back(std::move(c));
     }
     return cases;
 }
@@ -162,8 +159,7 @@ std::vector<Case> ConformanceCases() {
         c.name = name;
         c.bytes = ReadFile(dir / (std::string(name) + ".bit"));
         c.first = FindFirstFrame(c.bytes);
-        if (c.first < c.bytes.size())
-            cases.push_back(std::move(c));
+        if (c.first < c.bytes.size()) cases.push_back(std::move(c));
     }
     return cases;
 }
@@ -174,10 +170,10 @@ int main(int argc, char** argv) {
     const double budget = argc > 1 ? std::atof(argv[1]) : 3.0;
     InitDecoderTables();
 
-    const fs::path dir = fs::temp_directory_path() /
-                         ("quorbel-bench-" + std::to_string(std::chrono::steady_clock::now()
-                                                                .time_since_epoch()
-                                                                .count()));
+    const fs::path dir =
+        fs::temp_directory_path() /
+        ("quorbel-bench-" +
+         std::to_string(std::chrono::steady_clock::now().time_since_epoch().count()));
     fs::create_directories(dir);
     std::vector<Case> cases = MakeEncodedCases(dir);
     std::error_code ignored;
@@ -186,7 +182,6 @@ int main(int argc, char** argv) {
         std::printf("sox or lame unavailable: timing the conformance streams\n");
         cases = ConformanceCases();
     }
-    for (const Case& c : cases)
-        RunCase(c, budget);
+    for (const Case& c : cases) RunCase(c, budget);
     return cases.empty() ? 1 : 0;
 }

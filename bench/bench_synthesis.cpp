@@ -19,21 +19,18 @@ namespace {
 volatile uint32_t g_sink;
 
 template <typename F>
-double BestNsPerCall(int calls, F&& body)
-{
+double BestNsPerCall(int calls, F&& body) {
     double best = 1e30;
     for (int run = 0; run < 300; ++run) {
         const auto t0 = std::chrono::steady_clock::now();
-        for (int i = 0; i < calls; ++i)
-            body(i);
+        for (int i = 0; i < calls; ++i) body(i);
         const auto t1 = std::chrono::steady_clock::now();
         best = std::min(best, std::chrono::duration<double, std::nano>(t1 - t0).count() / calls);
     }
     return best;
 }
 
-void Report(const char* what, double ns)
-{
+void Report(const char* what, double ns) {
     // 44.1 kHz stereo MPEG-1: 44100 / 576 granules per second, two channels each.
     const double perSecond = 44100.0 / 576.0 * 2.0;
     std::printf("%-44s %9.1f ns/granule-channel  %6.3f ms per second of 44.1 kHz stereo\n", what,
@@ -42,8 +39,7 @@ void Report(const char* what, double ns)
 
 }  // namespace
 
-int main()
-{
+int main() {
     InitDctCoefficients();
     InitImdctTables();
     InitBlockWindows();
@@ -54,8 +50,7 @@ int main()
     // A few dozen granules of subband samples at a level that keeps the PCM mostly unclipped.
     const int kGranules = 32;
     std::vector<float> slotData(kGranules * 18 * 32);
-    for (float& v : slotData)
-        v = 800.0f * uni(rng);
+    for (float& v : slotData) v = 800.0f * uni(rng);
     auto slotsOf = [&](int i) {
         return reinterpret_cast<const float(*)[32]>(&slotData[(i % kGranules) * 18 * 32]);
     };
@@ -76,8 +71,7 @@ int main()
            }));
     Report("  SynthMatrix x 18", BestNsPerCall(kCalls, [&](int i) {
                const float(*slots)[32] = slotsOf(i);
-               for (int s = 0; s < 18; ++s)
-                   SynthMatrix(slots[s], rings[0], (s * 32) & 511);
+               for (int s = 0; s < 18; ++s) SynthMatrix(slots[s], rings[0], (s * 32) & 511);
            }));
     Report("  SynthWindowToPcm x 18", BestNsPerCall(kCalls, [&](int i) {
                for (int s = 0; s < 18; ++s)
@@ -88,8 +82,7 @@ int main()
     // buffers taking turns as in the decoder. The copy is timed alone and taken off.
     std::vector<float> spectra(kGranules * 576);
     for (int g = 0; g < kGranules; ++g) {
-        for (int i = 0; i < 558; ++i)
-            spectra[g * 576 + i] = 3000.0f * uni(rng);
+        for (int i = 0; i < 558; ++i) spectra[g * 576 + i] = 3000.0f * uni(rng);
     }
     float buffers[2][576] = {};
     float out[18][32] = {};
@@ -109,8 +102,8 @@ int main()
         const double ns = BestNsPerCall(kCalls, [&](int i) {
             float* x = buffers[i & 1];
             std::memcpy(x, &spectra[(i % kGranules) * 576], sizeof buffers[0]);
-            const int32_t n = HybridTransform(x, buffers[(i & 1) ^ 1], out, c.type, c.longLines,
-                                              558, 558, 558);
+            const int32_t n =
+                HybridTransform(x, buffers[(i & 1) ^ 1], out, c.type, c.longLines, 558, 558, 558);
             InvertOddSubbands(out, n);
             g_sink = g_sink + static_cast<uint32_t>(out[i % 18][i % 31]);
         });
@@ -118,8 +111,7 @@ int main()
     }
 
     uint32_t check = 0;
-    for (uint8_t b : pcm)
-        check = check * 31 + b;
+    for (uint8_t b : pcm) check = check * 31 + b;
     std::printf("(checksum %08x)\n", check ^ g_sink);
     return 0;
 }

@@ -93,7 +93,8 @@ public:
     LONG ClientHandle() const { return m_hClientWnd; }
 
     static ULONG_PTR MakeDwData(int nCount, unsigned flags) {
-        return static_cast<ULONG_PTR>(nCount & 0xFF) | (static_cast<ULONG_PTR>(flags & 0xFFFF) << 16);
+        return static_cast<ULONG_PTR>(nCount & 0xFF) |
+               (static_cast<ULONG_PTR>(flags & 0xFFFF) << 16);
     }
 
     // The server's window (the title must be exactly "Quorbel"), or null.
@@ -132,13 +133,16 @@ public:
         return Send(flags & ~(REQ_STOP | REQ_STOP_CLIENT), &pszName, 1);
     }
     int Stop(const char* pszName) const { return Send(REQ_STOP, &pszName, 1); }
-    int StopOthers(const char* pszName) const { return Send(REQ_STOP | REQ_STOP_OTHERS, &pszName, 1); }
+    int StopOthers(const char* pszName) const {
+        return Send(REQ_STOP | REQ_STOP_OTHERS, &pszName, 1);
+    }
     int StopClient() const { return Send(REQ_STOP_CLIENT, nullptr, 0); }
 
     // The full path of a name relative to this process's working directory, for a request to
     // a server that runs elsewhere. 0 when it does not fit.
     static int FullPathName(const char* pszName, char (&szFull)[kQuorbelNameBuffer]) {
-        DWORD n = GetFullPathNameA(pszName, static_cast<DWORD>(kQuorbelNameBuffer), szFull, nullptr);
+        DWORD n =
+            GetFullPathNameA(pszName, static_cast<DWORD>(kQuorbelNameBuffer), szFull, nullptr);
         return n > 0 && n < kQuorbelNameBuffer ? 1 : 0;
     }
 

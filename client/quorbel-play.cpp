@@ -63,8 +63,8 @@ public:
         wc.hInstance = GetModuleHandleA(nullptr);
         wc.lpszClassName = "QuorbelPlayClient";
         RegisterClassA(&wc);
-        m_hWnd = CreateWindowExA(0, wc.lpszClassName, "quorbel-play client", WS_OVERLAPPED, 0, 0,
-                                 0, 0, nullptr, nullptr, wc.hInstance, nullptr);
+        m_hWnd = CreateWindowExA(0, wc.lpszClassName, "quorbel-play client", WS_OVERLAPPED, 0, 0, 0,
+                                 0, nullptr, nullptr, wc.hInstance, nullptr);
     }
     ~CHoldWindow() {
         if (m_hWnd != nullptr) DestroyWindow(m_hWnd);
@@ -130,7 +130,8 @@ HWND StartServer(const char* exePath) {
         }
     }
     CloseHandle(pi.hProcess);
-    if (server == nullptr) fprintf(stderr, "quorbel-play: %s started but no server window appeared\n", path);
+    if (server == nullptr)
+        fprintf(stderr, "quorbel-play: %s started but no server window appeared\n", path);
     return server;
 }
 
@@ -210,7 +211,8 @@ int main(int argc, char** argv) {
         return UsageError("--loop and --ignore-foreground go with plays, not with stops");
     }
     if ((flags & REQ_STOP_CLIENT) && (flags & REQ_STOP)) {
-        return UsageError("--stop-client stops everything; it does not go with --stop or --stop-others");
+        return UsageError(
+            "--stop-client stops everything; it does not go with --stop or --stop-others");
     }
     if ((flags & REQ_STOP_CLIENT) && !names.empty()) {
         return UsageError("--stop-client takes no names");

@@ -26,20 +26,18 @@ const int kExitWriteFailed = 3;
 
 const uint32_t kWavHeaderBytes = 44;
 
-void PutLe16(uint8_t* p, uint32_t v)
-{
+void PutLe16(uint8_t* p, uint32_t v) {
     p[0] = static_cast<uint8_t>(v);
     p[1] = static_cast<uint8_t>(v >> 8);
 }
 
-void PutLe32(uint8_t* p, uint32_t v)
-{
+void PutLe32(uint8_t* p, uint32_t v) {
     PutLe16(p, v & 0xFFFF);
     PutLe16(p + 2, v >> 16);
 }
 
-void MakeWavHeader(uint8_t header[kWavHeaderBytes], uint32_t channels, uint32_t rate, uint32_t dataBytes)
-{
+void MakeWavHeader(uint8_t header[kWavHeaderBytes], uint32_t channels, uint32_t rate,
+                   uint32_t dataBytes) {
     const uint32_t blockAlign = channels * 2;
     memcpy(header, "RIFF", 4);
     PutLe32(header + 4, 36 + dataBytes);
@@ -61,8 +59,7 @@ struct Output {
     bool failed;
 };
 
-int WriteBatch(void* context, const uint8_t* pcm, uint32_t bytes)
-{
+int WriteBatch(void* context, const uint8_t* pcm, uint32_t bytes) {
     Output* out = static_cast<Output*>(context);
     if (fwrite(pcm, 1, bytes, out->file) != bytes) {
         out->failed = true;
@@ -72,17 +69,18 @@ int WriteBatch(void* context, const uint8_t* pcm, uint32_t bytes)
     return 1;
 }
 
-const char* VersionName(uint32_t version)
-{
+const char* VersionName(uint32_t version) {
     switch (version) {
-    case 1: return "MPEG-1";
-    case 2: return "MPEG-2";
-    default: return "MPEG-2.5";
+        case 1:
+            return "MPEG-1";
+        case 2:
+            return "MPEG-2";
+        default:
+            return "MPEG-2.5";
     }
 }
 
-int Usage()
-{
+int Usage() {
     fprintf(stderr,
             "usage: quorbel-decode [--raw] [--verbose] in.mp3 out.wav\n"
             "  --raw      write bare PCM (signed 16-bit little-endian, channels interleaved)\n"
@@ -92,8 +90,7 @@ int Usage()
 
 }  // namespace
 
-int main(int argc, char** argv)
-{
+int main(int argc, char** argv) {
     bool raw = false;
     bool verbose = false;
     const char* names[2] = {nullptr, nullptr};

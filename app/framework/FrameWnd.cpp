@@ -1,16 +1,16 @@
 #include "app/framework/FrameWnd.h"
 
 BEGIN_MESSAGE_MAP(CFrameWnd, CWnd)
-    ON_WM_CREATE()
-    ON_WM_CLOSE()
+ON_WM_CREATE()
+ON_WM_CLOSE()
 END_MESSAGE_MAP()
 
 CFrameWnd::CFrameWnd() {}
 
 CFrameWnd::~CFrameWnd() {}
 
-BOOL CFrameWnd::Create(LPCSTR lpszClassName, LPCSTR lpszWindowName, DWORD dwStyle,
-                       const RECT& rect, CWnd* pParentWnd, LPCSTR lpszMenuName, DWORD dwExStyle,
+BOOL CFrameWnd::Create(LPCSTR lpszClassName, LPCSTR lpszWindowName, DWORD dwStyle, const RECT& rect,
+                       CWnd* pParentWnd, LPCSTR lpszMenuName, DWORD dwExStyle,
                        CCreateContext* pContext) {
     if (m_hWnd != nullptr || pContext != nullptr || lpszMenuName != nullptr) return FALSE;
 
@@ -44,10 +44,14 @@ BOOL CFrameWnd::PreCreateWindow(CREATESTRUCTA& cs) {
     return TRUE;
 }
 
-int CFrameWnd::OnCreate(LPCREATESTRUCTA) { return static_cast<int>(Default()); }
+int CFrameWnd::OnCreate(LPCREATESTRUCTA) {
+    return static_cast<int>(Default());
+}
 
 void CFrameWnd::OnClose() {
     if (m_hWnd != nullptr) DestroyWindow(m_hWnd);
 }
 
-void CFrameWnd::PostNcDestroy() { delete this; }
+void CFrameWnd::PostNcDestroy() {
+    delete this;
+}

@@ -4,7 +4,9 @@ namespace {
 CWinApp* g_pApp = nullptr;
 }
 
-CWinApp* AfxGetApp() { return g_pApp; }
+CWinApp* AfxGetApp() {
+    return g_pApp;
+}
 
 CWinApp::CWinApp() : m_pMainWnd(nullptr), m_hInstance(nullptr), m_nQuitCode(0) {
     g_pApp = this;
@@ -14,7 +16,9 @@ CWinApp::~CWinApp() {
     if (g_pApp == this) g_pApp = nullptr;
 }
 
-BOOL CWinApp::InitInstance() { return TRUE; }
+BOOL CWinApp::InitInstance() {
+    return TRUE;
+}
 
 int CWinApp::Run() {
     MSG msg;
@@ -31,4 +35,6 @@ int CWinApp::Run() {
     return ExitInstance();
 }
 
-int CWinApp::ExitInstance() { return m_nQuitCode; }
+int CWinApp::ExitInstance() {
+    return m_nQuitCode;
+}

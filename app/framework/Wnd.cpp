@@ -4,7 +4,8 @@
 
 #include "app/framework/WinApp.h"
 
-CWnd::CWnd() : m_hWnd(nullptr), m_pCurrentMsg(nullptr), m_nDispatchDepth(0), m_bNcDestroyed(false) {}
+CWnd::CWnd()
+    : m_hWnd(nullptr), m_pCurrentMsg(nullptr), m_nDispatchDepth(0), m_bNcDestroyed(false) {}
 
 CWnd::~CWnd() {
     if (m_hWnd != nullptr) {
@@ -21,7 +22,9 @@ const MessageMap* CWnd::GetThisMessageMap() {
     return &map;
 }
 
-const MessageMap* CWnd::GetMessageMap() const { return GetThisMessageMap(); }
+const MessageMap* CWnd::GetMessageMap() const {
+    return GetThisMessageMap();
+}
 
 void CWnd::PostNcDestroy() {}
 

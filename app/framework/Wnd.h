@@ -23,45 +23,56 @@ struct MessageMap {
 };
 
 // In the class declaration.
-#define DECLARE_MESSAGE_MAP()                         \
-protected:                                            \
-    static const MessageMap* GetThisMessageMap();     \
+#define DECLARE_MESSAGE_MAP()                     \
+protected:                                        \
+    static const MessageMap* GetThisMessageMap(); \
     const MessageMap* GetMessageMap() const override;
 
 // In the class's unit: BEGIN_MESSAGE_MAP(CMyWnd, CFrameWnd) ON_WM_TIMER() ... END_MESSAGE_MAP()
-#define BEGIN_MESSAGE_MAP(theClass, baseClass)                                           \
-    const MessageMap* theClass::GetMessageMap() const { return GetThisMessageMap(); }    \
-    const MessageMap* theClass::GetThisMessageMap() {                                    \
-        using ThisClass [[maybe_unused]] = theClass;                                     \
-        using TheBaseClass = baseClass;                                                  \
+#define BEGIN_MESSAGE_MAP(theClass, baseClass)          \
+    const MessageMap* theClass::GetMessageMap() const { \
+        return GetThisMessageMap();                     \
+    }                                                   \
+    const MessageMap* theClass::GetThisMessageMap() {   \
+        using ThisClass [[maybe_unused]] = theClass;    \
+        using TheBaseClass = baseClass;                 \
         static const MessageMapEntry entries[] = {
-#define END_MESSAGE_MAP()                                                               \
-            { 0, nullptr } };                                                           \
-        static const MessageMap map = { &TheBaseClass::GetThisMessageMap, entries };    \
-        return &map;                                                                    \
+#define END_MESSAGE_MAP()                                                      \
+    { 0, nullptr }                                                             \
+    }                                                                          \
+    ;                                                                          \
+    static const MessageMap map = {&TheBaseClass::GetThisMessageMap, entries}; \
+    return &map;                                                               \
     }
 
 // LRESULT memberFxn(WPARAM, LPARAM), for any message
-#define ON_MESSAGE(message, memberFxn)                                                   \
-    { message, [](CWnd* w, WPARAM p, LPARAM l) -> LRESULT {                              \
-          return static_cast<ThisClass*>(w)->memberFxn(p, l); } },
+#define ON_MESSAGE(message, memberFxn)                       \
+    {message, [](CWnd* w, WPARAM p, LPARAM l) -> LRESULT {   \
+         return static_cast<ThisClass*>(w)->memberFxn(p, l); \
+     }},
 // int OnCreate(LPCREATESTRUCTA)
-#define ON_WM_CREATE()                                                                   \
-    { WM_CREATE, [](CWnd* w, WPARAM, LPARAM l) -> LRESULT {                              \
-          return static_cast<ThisClass*>(w)->OnCreate(reinterpret_cast<LPCREATESTRUCTA>(l)); } },
+#define ON_WM_CREATE()                                                                      \
+    {WM_CREATE, [](CWnd* w, WPARAM, LPARAM l) -> LRESULT {                                  \
+         return static_cast<ThisClass*>(w)->OnCreate(reinterpret_cast<LPCREATESTRUCTA>(l)); \
+     }},
 // void OnClose()
-#define ON_WM_CLOSE()                                                                    \
-    { WM_CLOSE, [](CWnd* w, WPARAM, LPARAM) -> LRESULT {                                 \
-          static_cast<ThisClass*>(w)->OnClose(); return 0; } },
+#define ON_WM_CLOSE()                                   \
+    {WM_CLOSE, [](CWnd* w, WPARAM, LPARAM) -> LRESULT { \
+         static_cast<ThisClass*>(w)->OnClose();         \
+         return 0;                                      \
+     }},
 // void OnTimer(UINT_PTR nIDEvent)
-#define ON_WM_TIMER()                                                                    \
-    { WM_TIMER, [](CWnd* w, WPARAM p, LPARAM) -> LRESULT {                               \
-          static_cast<ThisClass*>(w)->OnTimer(static_cast<UINT_PTR>(p)); return 0; } },
+#define ON_WM_TIMER()                                                   \
+    {WM_TIMER, [](CWnd* w, WPARAM p, LPARAM) -> LRESULT {               \
+         static_cast<ThisClass*>(w)->OnTimer(static_cast<UINT_PTR>(p)); \
+         return 0;                                                      \
+     }},
 // BOOL OnCopyData(HWND hSender, PCOPYDATASTRUCT pCopyDataStruct)
-#define ON_WM_COPYDATA()                                                                 \
-    { WM_COPYDATA, [](CWnd* w, WPARAM p, LPARAM l) -> LRESULT {                          \
-          return static_cast<ThisClass*>(w)->OnCopyData(reinterpret_cast<HWND>(p),       \
-                                                        reinterpret_cast<PCOPYDATASTRUCT>(l)); } },
+#define ON_WM_COPYDATA()                                                                      \
+    {WM_COPYDATA, [](CWnd* w, WPARAM p, LPARAM l) -> LRESULT {                                \
+         return static_cast<ThisClass*>(w)->OnCopyData(reinterpret_cast<HWND>(p),             \
+                                                       reinterpret_cast<PCOPYDATASTRUCT>(l)); \
+     }},
 
 class CWnd {
 public:

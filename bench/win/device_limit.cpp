@@ -57,9 +57,9 @@ int Open(Device& device) {
     format.wBitsPerSample = 16;
     format.nBlockAlign = 4;
     format.nAvgBytesPerSec = kBytesPerSecond;
-    MMRESULT result = waveOutOpen(&device.handle, WAVE_MAPPER, &format,
-                                  reinterpret_cast<DWORD_PTR>(&DoneProc),
-                                  reinterpret_cast<DWORD_PTR>(&device), CALLBACK_FUNCTION);
+    MMRESULT result =
+        waveOutOpen(&device.handle, WAVE_MAPPER, &format, reinterpret_cast<DWORD_PTR>(&DoneProc),
+                    reinterpret_cast<DWORD_PTR>(&device), CALLBACK_FUNCTION);
     if (result != MMSYSERR_NOERROR) {
         std::printf("waveOutOpen() returned %u\n", result);
         device.handle = nullptr;
@@ -181,10 +181,11 @@ int Rounds(int count, int rounds) {
         DWORD played = GetTickCount() - start;
         DWORD closeStart = GetTickCount();
         CloseAll(devices);
-        std::printf("%d devices, round %d: every buffer came back (1 s each, played in %lu ms), "
-                    "closed in %lu ms\n",
-                    count, round, static_cast<unsigned long>(played),
-                    static_cast<unsigned long>(GetTickCount() - closeStart));
+        std::printf(
+            "%d devices, round %d: every buffer came back (1 s each, played in %lu ms), "
+            "closed in %lu ms\n",
+            count, round, static_cast<unsigned long>(played),
+            static_cast<unsigned long>(GetTickCount() - closeStart));
         std::fflush(stdout);
     }
     return 0;
@@ -196,12 +197,13 @@ int Peak(int count) {
         if (!OpenAll(idle)) return 2;
         std::printf("%d devices open at once, none played\n", count);
         std::fflush(stdout);
-        HANDLE closer = CreateThread(nullptr, 0,
-                                     [](LPVOID p) -> DWORD {
-                                         CloseAll(*static_cast<std::vector<Device>*>(p));
-                                         return 0;
-                                     },
-                                     &idle, 0, nullptr);
+        HANDLE closer = CreateThread(
+            nullptr, 0,
+            [](LPVOID p) -> DWORD {
+                CloseAll(*static_cast<std::vector<Device>*>(p));
+                return 0;
+            },
+            &idle, 0, nullptr);
         if (WaitForSingleObject(closer, kStallMs) != WAIT_OBJECT_0) {
             std::printf("  closing them did not return within %lu ms\n",
                         static_cast<unsigned long>(kStallMs));

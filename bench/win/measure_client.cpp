@@ -55,8 +55,8 @@ bool PlayOnce(std::vector<char>& pcm, long long* stamp) {
     if (done == nullptr) return false;
     HWAVEOUT device = nullptr;
     *stamp = NowMicroseconds();
-    MMRESULT result = waveOutOpen(&device, WAVE_MAPPER, &format, reinterpret_cast<DWORD_PTR>(done), 0,
-                                  CALLBACK_EVENT);
+    MMRESULT result = waveOutOpen(&device, WAVE_MAPPER, &format, reinterpret_cast<DWORD_PTR>(done),
+                                  0, CALLBACK_EVENT);
     if (result != MMSYSERR_NOERROR) {
         std::fprintf(stderr, "waveOutOpen() return(%d)\n", static_cast<int>(result));
         CloseHandle(done);
@@ -68,7 +68,8 @@ bool PlayOnce(std::vector<char>& pcm, long long* stamp) {
     bool ok = waveOutPrepareHeader(device, &header, sizeof header) == MMSYSERR_NOERROR &&
               waveOutWrite(device, &header, sizeof header) == MMSYSERR_NOERROR;
     if (ok) {
-        for (int i = 0; i < 100 && !(header.dwFlags & WHDR_DONE); ++i) WaitForSingleObject(done, 100);
+        for (int i = 0; i < 100 && !(header.dwFlags & WHDR_DONE); ++i)
+            WaitForSingleObject(done, 100);
     } else {
         waveOutReset(device);
     }
@@ -84,7 +85,8 @@ int Direct(const char* path, int count, int gapMs) {
     std::vector<char> pcm;
     char chunk[65536];
     size_t n;
-    while ((n = std::fread(chunk, 1, sizeof chunk, fp)) > 0) pcm.insert(pcm.end(), chunk, chunk + n);
+    while ((n = std::fread(chunk, 1, sizeof chunk, fp)) > 0)
+        pcm.insert(pcm.end(), chunk, chunk + n);
     std::fclose(fp);
     if (pcm.empty()) return 3;
 
@@ -131,8 +133,8 @@ int Counts() {
     if (process == nullptr) return 6;
     PROCESS_MEMORY_COUNTERS_EX memory = {};
     memory.cb = sizeof memory;
-    BOOL haveMemory = GetProcessMemoryInfo(process, reinterpret_cast<PROCESS_MEMORY_COUNTERS*>(&memory),
-                                           sizeof memory);
+    BOOL haveMemory = GetProcessMemoryInfo(
+        process, reinterpret_cast<PROCESS_MEMORY_COUNTERS*>(&memory), sizeof memory);
     DWORD handles = 0;
     BOOL haveHandles = GetProcessHandleCount(process, &handles);
     CloseHandle(process);
@@ -142,7 +144,8 @@ int Counts() {
     if (snapshot != INVALID_HANDLE_VALUE) {
         PROCESSENTRY32 entry = {};
         entry.dwSize = sizeof entry;
-        for (BOOL more = Process32First(snapshot, &entry); more; more = Process32Next(snapshot, &entry)) {
+        for (BOOL more = Process32First(snapshot, &entry); more;
+             more = Process32Next(snapshot, &entry)) {
             if (entry.th32ProcessID == pid) threads = static_cast<long>(entry.cntThreads);
         }
         CloseHandle(snapshot);
@@ -164,7 +167,8 @@ int main(int argc, char** argv) {
         return Server(argv[2], std::atoi(argv[3]), std::atoi(argv[4]));
     }
     if (argc >= 3 && std::strcmp(argv[1], "send") == 0) {
-        return SendNames(static_cast<unsigned>(std::strtoul(argv[2], nullptr, 16)), argv + 3, argc - 3);
+        return SendNames(static_cast<unsigned>(std::strtoul(argv[2], nullptr, 16)), argv + 3,
+                         argc - 3);
     }
     if (argc == 2 && std::strcmp(argv[1], "counts") == 0) return Counts();
     if (argc == 2 && std::strcmp(argv[1], "close") == 0) {

@@ -20,16 +20,29 @@ const uint32_t kId3v2FooterBytes = 10;
 const uint32_t kId3v1TagBytes = 128;
 const uint32_t kHeaderBytes = 4;
 
-uint32_t VersionBits(const uint8_t* h) { return (h[1] >> 3) & 3u; }
-uint32_t LayerBits(const uint8_t* h) { return (h[1] >> 1) & 3u; }
-uint32_t BitrateIndex(const uint8_t* h) { return (h[2] >> 4) & 15u; }
-uint32_t SampleRateIndex(const uint8_t* h) { return (h[2] >> 2) & 3u; }
-uint32_t PaddingBit(const uint8_t* h) { return (h[2] >> 1) & 1u; }
-uint32_t Mode(const uint8_t* h) { return (h[3] >> 6) & 3u; }
-uint32_t Emphasis(const uint8_t* h) { return h[3] & 3u; }
+uint32_t VersionBits(const uint8_t* h) {
+    return (h[1] >> 3) & 3u;
+}
+uint32_t LayerBits(const uint8_t* h) {
+    return (h[1] >> 1) & 3u;
+}
+uint32_t BitrateIndex(const uint8_t* h) {
+    return (h[2] >> 4) & 15u;
+}
+uint32_t SampleRateIndex(const uint8_t* h) {
+    return (h[2] >> 2) & 3u;
+}
+uint32_t PaddingBit(const uint8_t* h) {
+    return (h[2] >> 1) & 1u;
+}
+uint32_t Mode(const uint8_t* h) {
+    return (h[3] >> 6) & 3u;
+}
+uint32_t Emphasis(const uint8_t* h) {
+    return h[3] & 3u;
+}
 
-bool IsMpeg1Row(uint32_t versionBits)
-{
+bool IsMpeg1Row(uint32_t versionBits) {
     // The reserved version has no row of its own; it is read as MPEG-1.
     return versionBits == kVersionMpeg1 || versionBits == kVersionReserved;
 }
@@ -37,8 +50,7 @@ bool IsMpeg1Row(uint32_t versionBits)
 // The row of the frame header's bitrate table: MPEG-1 Layer I, II, III, then MPEG-2 and 2.5
 // Layer I, then their Layers II and III (MPEG-2.5 shares MPEG-2's values). Index 0 (free
 // format) and 15 (forbidden) hold 0 in every row.
-uint32_t BitrateRow(uint32_t versionBits, uint32_t layerBits)
-{
+uint32_t BitrateRow(uint32_t versionBits, uint32_t layerBits) {
     if (IsMpeg1Row(versionBits)) {
         // Layer bits 11 (Layer I) give row 0; the reserved layer value lands on the Layer
         // III row, which is as good as any since such a header is never valid.
@@ -49,15 +61,14 @@ uint32_t BitrateRow(uint32_t versionBits, uint32_t layerBits)
 
 // Sample rate in Hz by the two version bits (00 MPEG-2.5, 01 reserved, read as MPEG-1, 10
 // MPEG-2, 11 MPEG-1) and the index; the reserved index 3 gives 0.
-uint32_t SampleRateHz(uint32_t versionBits, uint32_t index)
-{
+uint32_t SampleRateHz(uint32_t versionBits, uint32_t index) {
     static const int kRowOfVersion[4] = {2, 0, 1, 0};
-    return index < 3 ? static_cast<uint32_t>(SampleRateTable[kRowOfVersion[versionBits]][index]) : 0;
+    return index < 3 ? static_cast<uint32_t>(SampleRateTable[kRowOfVersion[versionBits]][index])
+                     : 0;
 }
 
 // The ISO/IEC 11172-3 Layer II restriction, applied with the same indices to every version.
-bool IsAllowedLayer2Combination(uint32_t bitrateIndex, uint32_t mode)
-{
+bool IsAllowedLayer2Combination(uint32_t bitrateIndex, uint32_t mode) {
     if (mode == kModeSingleChannel) {
         return bitrateIndex < 11 || bitrateIndex > 14;
     }
@@ -66,18 +77,15 @@ bool IsAllowedLayer2Combination(uint32_t bitrateIndex, uint32_t mode)
 
 }  // namespace
 
-CMP3File::CMP3File() : pTagID3V1(nullptr), pTagID3V2(nullptr), pFirstFrame(nullptr)
-{
+CMP3File::CMP3File() : pTagID3V1(nullptr), pTagID3V2(nullptr), pFirstFrame(nullptr) {
     memset(szFileName, 0, sizeof(szFileName));
 }
 
-CMP3File::~CMP3File()
-{
+CMP3File::~CMP3File() {
     Close();
 }
 
-void CMP3File::Close()
-{
+void CMP3File::Close() {
     memset(szFileName, 0, sizeof(szFileName));
     pTagID3V1 = nullptr;
     pTagID3V2 = nullptr;
@@ -85,13 +93,11 @@ void CMP3File::Close()
     Unmap();
 }
 
-int CMP3File::IsFrameSync(const uint8_t* header)
-{
+int CMP3File::IsFrameSync(const uint8_t* header) {
     return (header[0] == 0xFF && header[1] >= 0xE0) ? 1 : 0;
 }
 
-int CMP3File::IsValidFrameHeader(const uint8_t* header)
-{
+int CMP3File::IsValidFrameHeader(const uint8_t* header) {
     if (VersionBits(header) == kVersionReserved) {
         return 0;
     }
@@ -115,12 +121,13 @@ int CMP3File::IsValidFrameHeader(const uint8_t* header)
     return 1;
 }
 
-uint32_t CMP3File::GetFrameSize(const uint8_t* header)
-{
+uint32_t CMP3File::GetFrameSize(const uint8_t* header) {
     const uint32_t versionBits = VersionBits(header);
     const uint32_t layerBits = LayerBits(header);
     const uint32_t bitrate =
-        static_cast<uint32_t>(BitrateTable[BitrateRow(versionBits, layerBits)][BitrateIndex(header)]) * 1000u;
+        static_cast<uint32_t>(
+            BitrateTable[BitrateRow(versionBits, layerBits)][BitrateIndex(header)]) *
+        1000u;
     const uint32_t sampleRate = SampleRateHz(versionBits, SampleRateIndex(header));
     if (bitrate == 0 || sampleRate == 0) {
         return 0;
@@ -142,13 +149,11 @@ uint32_t CMP3File::GetFrameSize(const uint8_t* header)
     return length;
 }
 
-bool CMP3File::HeaderFits(uint64_t offset) const
-{
+bool CMP3File::HeaderFits(uint64_t offset) const {
     return pView != nullptr && offset <= dwSize && dwSize - offset >= kHeaderBytes;
 }
 
-bool CMP3File::IsFrameAt(uint64_t offset) const
-{
+bool CMP3File::IsFrameAt(uint64_t offset) const {
     if (!HeaderFits(offset)) {
         return false;
     }
@@ -156,8 +161,7 @@ bool CMP3File::IsFrameAt(uint64_t offset) const
     return IsFrameSync(header) && IsValidFrameHeader(header);
 }
 
-uint64_t CMP3File::SearchFrom(uint64_t offset) const
-{
+uint64_t CMP3File::SearchFrom(uint64_t offset) const {
     for (; HeaderFits(offset); ++offset) {
         if (IsFrameAt(offset)) {
             return offset;
@@ -166,8 +170,7 @@ uint64_t CMP3File::SearchFrom(uint64_t offset) const
     return dwSize;
 }
 
-bool CMP3File::OffsetOf(const uint8_t* p, uint64_t* offset) const
-{
+bool CMP3File::OffsetOf(const uint8_t* p, uint64_t* offset) const {
     if (pView == nullptr || p == nullptr) {
         return false;
     }
@@ -181,8 +184,7 @@ bool CMP3File::OffsetOf(const uint8_t* p, uint64_t* offset) const
     return true;
 }
 
-const uint8_t* CMP3File::SearchFrameHeader(const uint8_t* pos, SearchStart start) const
-{
+const uint8_t* CMP3File::SearchFrameHeader(const uint8_t* pos, SearchStart start) const {
     uint64_t offset = 0;
     if (!OffsetOf(pos, &offset)) {
         return nullptr;
@@ -194,8 +196,7 @@ const uint8_t* CMP3File::SearchFrameHeader(const uint8_t* pos, SearchStart start
     return HeaderFits(found) ? pView + found : nullptr;
 }
 
-int CMP3File::Open(const char* fileName)
-{
+int CMP3File::Open(const char* fileName) {
     const char* name = (fileName != nullptr) ? fileName : "";
     try {
         Close();
@@ -223,8 +224,7 @@ int CMP3File::Open(const char* fileName)
     }
 }
 
-int CMP3File::InitFileInfo()
-{
+int CMP3File::InitFileInfo() {
     pTagID3V1 = nullptr;
     pTagID3V2 = nullptr;
     pFirstFrame = nullptr;
@@ -254,8 +254,7 @@ int CMP3File::InitFileInfo()
     return 0;
 }
 
-int CMP3File::FindFirstFrameHeader()
-{
+int CMP3File::FindFirstFrameHeader() {
     pFirstFrame = nullptr;
     uint64_t offset = 0;
     if (pTagID3V2 != nullptr) {
@@ -296,8 +295,7 @@ int CMP3File::FindFirstFrameHeader()
     }
 }
 
-const uint8_t* CMP3File::NextFrame(const uint8_t* frame) const
-{
+const uint8_t* CMP3File::NextFrame(const uint8_t* frame) const {
     uint64_t offset = 0;
     if (!OffsetOf(frame, &offset) || !HeaderFits(offset)) {
         return nullptr;

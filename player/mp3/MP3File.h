@@ -12,10 +12,7 @@
 class CMP3File : public CFileMapObj {
 public:
     // Where SearchFrameHeader starts scanning.
-    enum SearchStart {
-        SEARCH_AT_POSITION = 0,
-        SEARCH_ONE_BYTE_BEFORE = 1
-    };
+    enum SearchStart { SEARCH_AT_POSITION = 0, SEARCH_ONE_BYTE_BEFORE = 1 };
 
     CMP3File();
     ~CMP3File();

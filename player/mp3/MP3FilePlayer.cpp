@@ -31,8 +31,7 @@ struct MP3Format {
         return WavOutParams{info.outChannels, info.outSampleRate, info.outBits, 0, 0};
     }
     void OutputFailed(PlayRequest* pRequest) const {
-        g_logFile.Log("[%s:%d]file(%s),wav init failed", kUnitPath, __LINE__,
-                      pRequest->szFileName);
+        g_logFile.Log("[%s:%d]file(%s),wav init failed", kUnitPath, __LINE__, pRequest->szFileName);
     }
     int Pass(CWavOut& out, uint64_t* queued) const {
         int outputAlive = stream.Pass(&QueueBatch, &out);

@@ -65,8 +65,7 @@ int CMP3Decoder::DecodeFrameHeader(const uint8_t* bytes, MP3FrameHeader* h) {
         LastError = 3;
         return 0;
     }
-    if (h->sampleRateIndex == 3 || h->bitrateIndex == 0 || h->bitrateIndex == 15 ||
-        h->layer == 0) {
+    if (h->sampleRateIndex == 3 || h->bitrateIndex == 0 || h->bitrateIndex == 15 || h->layer == 0) {
         LastError = 4;
         return 0;
     }
@@ -79,10 +78,8 @@ int32_t CMP3Decoder::FrameLength(const MP3FrameHeader& h, int32_t bitrate) const
     // Always the stream's rate from the first frame, not this header's sample-rate index.
     const int32_t rate = SampleRate;
     const int32_t padding = static_cast<int32_t>(h.padding);
-    if (h.layer == 1)
-        return (12 * bitrate / rate + padding) * 4;
-    if (h.layer == 2 || h.version == 1)
-        return 144 * bitrate / rate + padding;
+    if (h.layer == 1) return (12 * bitrate / rate + padding) * 4;
+    if (h.layer == 2 || h.version == 1) return 144 * bitrate / rate + padding;
     return (144 * bitrate / rate) / 2 + padding;
 }
 
@@ -91,10 +88,8 @@ int CMP3Decoder::ReadStreamInfo(const uint8_t* frame, int32_t available, MP3Stre
         LastError = 5;
         return 0;
     }
-    if (!DecodeFrameHeader(frame, info))
-        return 0;
-    if (info->layer != 3)
-        return 0;
+    if (!DecodeFrameHeader(frame, info)) return 0;
+    if (info->layer != 3) return 0;
 
     const bool mono = info->mode == 3;
     const int32_t sideBytes = info->version == 1 ? (mono ? 17 : 32) : (mono ? 9 : 17);
@@ -130,10 +125,8 @@ int CMP3Decoder::ReadStreamInfo(const uint8_t* frame, int32_t available, MP3Stre
     if (vbr) {
         int32_t lowest = row[1], highest = row[1];
         for (int i = 2; i <= 14; ++i) {
-            if (row[i] < lowest)
-                lowest = row[i];
-            if (row[i] > highest)
-                highest = row[i];
+            if (row[i] < lowest) lowest = row[i];
+            if (row[i] > highest) highest = row[i];
         }
         info->tagFrameSize = size + static_cast<int32_t>(info->padding);
         info->minFrameSize = (144 * lowest * 1000 / rate) / div;

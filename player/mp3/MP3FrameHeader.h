@@ -14,7 +14,7 @@ struct MP3FrameHeader {
     uint32_t sampleRateIndex;  // 0..2
     uint32_t padding;
     uint32_t privateBit;
-    uint32_t mode;             // 0 stereo, 1 joint stereo, 2 dual channel, 3 single channel
+    uint32_t mode;  // 0 stereo, 1 joint stereo, 2 dual channel, 3 single channel
     uint32_t modeExtension;
     uint32_t copyright;
     uint32_t original;
@@ -36,7 +36,7 @@ struct MP3StreamInfo : MP3FrameHeader {
     int32_t outChannels;
     int32_t outBits;
     int32_t outSampleRate;
-    int32_t bitrate;       // first frame's bitrate; 0 when a VBR header was found
+    int32_t bitrate;  // first frame's bitrate; 0 when a VBR header was found
     int32_t totalFrames;
     int32_t tagFrameSize;  // length of the frame carrying the VBR header, else 0
     int32_t totalBytes;

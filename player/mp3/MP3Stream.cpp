@@ -5,27 +5,27 @@
 #include <new>
 
 CMP3Stream::CMP3Stream()
-    : m_started(false), m_openFailure(OPEN_OK), m_framesDecoded(0), m_batchesWritten(0), m_refusedFrame(nullptr),
-      m_refusedError(0)
-{
+    : m_started(false),
+      m_openFailure(OPEN_OK),
+      m_framesDecoded(0),
+      m_batchesWritten(0),
+      m_refusedFrame(nullptr),
+      m_refusedError(0) {
     memset(&m_info, 0, sizeof(m_info));
     memset(&m_io, 0, sizeof(m_io));
 }
 
-CMP3Stream::~CMP3Stream()
-{
+CMP3Stream::~CMP3Stream() {
     Close();
 }
 
-void CMP3Stream::Close()
-{
+void CMP3Stream::Close() {
     m_started = false;
     m_decoder.reset();
     m_file.Close();
 }
 
-int CMP3Stream::Open(const char* fileName)
-{
+int CMP3Stream::Open(const char* fileName) {
     Close();
     m_openFailure = OPEN_OK;
     const char* name = (fileName != nullptr) ? fileName : "";
@@ -45,7 +45,8 @@ int CMP3Stream::Open(const char* fileName)
     }
 
     memset(&m_info, 0, sizeof(m_info));
-    const uint64_t bytesLeft = m_file.dwSize - static_cast<uint64_t>(m_file.pFirstFrame - m_file.pView);
+    const uint64_t bytesLeft =
+        m_file.dwSize - static_cast<uint64_t>(m_file.pFirstFrame - m_file.pView);
     if (!StartAsThePlayer(m_decoder.get(), m_file.pFirstFrame, bytesLeft, &m_info)) {
         m_openFailure = OPEN_START_FAILED;
         Close();
@@ -55,8 +56,8 @@ int CMP3Stream::Open(const char* fileName)
     return 1;
 }
 
-int CMP3Stream::Pass(BatchSink sink, void* sinkContext, FrameObserver observer, void* observerContext)
-{
+int CMP3Stream::Pass(BatchSink sink, void* sinkContext, FrameObserver observer,
+                     void* observerContext) {
     m_framesDecoded = 0;
     m_batchesWritten = 0;
     m_refusedFrame = nullptr;

@@ -25,8 +25,8 @@ public:
     // What made the last Open fail.
     enum OpenFailure {
         OPEN_OK = 0,
-        OPEN_FILE_FAILED,     // the file could not be mapped or holds no trusted frame
-        OPEN_START_FAILED,    // the decoder refused the first frame
+        OPEN_FILE_FAILED,   // the file could not be mapped or holds no trusted frame
+        OPEN_START_FAILED,  // the decoder refused the first frame
         OPEN_OUT_OF_MEMORY
     };
 
@@ -83,14 +83,14 @@ private:
 };
 
 inline int CMP3Stream::StartAsThePlayer(CMP3Decoder* decoder, const uint8_t* firstFrame,
-                                       uint64_t bytesLeft, MP3StreamInfo* info)
-{
+                                        uint64_t bytesLeft, MP3StreamInfo* info) {
     // The start reads the header, a CRC, the side information and a VBR header: at most
     // 4 + 2 + 32 + 18 bytes, fewer than the decoder's minimum of 156. With 156 bytes or more
     // left, passing the bytes left changes nothing.
     const uint32_t startBytes = 156;
     if (bytesLeft >= startBytes) {
-        const int32_t available = bytesLeft > 0x7FFFFFFF ? 0x7FFFFFFF : static_cast<int32_t>(bytesLeft);
+        const int32_t available =
+            bytesLeft > 0x7FFFFFFF ? 0x7FFFFFFF : static_cast<int32_t>(bytesLeft);
         return decoder->StartDecoder(firstFrame, available, info);
     }
     // Closer to the end a limit would make the start fail where the player's succeeds. The

@@ -16,8 +16,7 @@ const uint64_t kSizeLimit = 0x100000000ull;
 class CMapRollback {
 public:
     explicit CMapRollback(CFileMapObj* object) : m_object(object) {}
-    ~CMapRollback()
-    {
+    ~CMapRollback() {
         if (m_object != nullptr) {
             m_object->Unmap();
         }
@@ -34,17 +33,13 @@ private:
 }  // namespace
 
 CFileMapObj::CFileMapObj()
-    : hFile(kInvalidFileMapHandle), hMapping(kInvalidFileMapHandle), pView(nullptr), dwSize(0)
-{
-}
+    : hFile(kInvalidFileMapHandle), hMapping(kInvalidFileMapHandle), pView(nullptr), dwSize(0) {}
 
-CFileMapObj::~CFileMapObj()
-{
+CFileMapObj::~CFileMapObj() {
     Unmap();
 }
 
-int CFileMapObj::Map(const char* fileName)
-{
+int CFileMapObj::Map(const char* fileName) {
     Unmap();
     if (fileName == nullptr) {
         fileName = "";
@@ -93,8 +88,7 @@ int CFileMapObj::Map(const char* fileName)
     return 1;
 }
 
-int CFileMapObj::Unmap()
-{
+int CFileMapObj::Unmap() {
     // The view's length is needed to release it on some systems; take it before clearing.
     const uint32_t size = dwSize;
     dwSize = 0;
@@ -113,8 +107,7 @@ int CFileMapObj::Unmap()
     return 1;
 }
 
-int CFileMapObj::Contains(const void* p, uint32_t len) const
-{
+int CFileMapObj::Contains(const void* p, uint32_t len) const {
     if (pView == nullptr || dwSize == 0) {
         return 0;
     }

@@ -24,36 +24,44 @@ const uint32_t kErrorCantResolveFilename = 0x00000781;
 // is reported as this bit plus the errno, so the log still tells what happened.
 const uint32_t kApplicationErrorBit = 0x20000000;
 
-uint32_t Win32Error(int error)
-{
+uint32_t Win32Error(int error) {
     switch (error) {
-    case ENOENT: return kErrorFileNotFound;
-    case ENOTDIR: return kErrorPathNotFound;
-    case EMFILE:
-    case ENFILE: return kErrorTooManyOpenFiles;
-    case EACCES:
-    case EPERM:
-    case EISDIR:
-    case EROFS: return kErrorAccessDenied;
-    case ENOMEM: return kErrorNotEnoughMemory;
-    case ETXTBSY: return kErrorSharingViolation;
-    case EINVAL: return kErrorInvalidParameter;
-    case EBUSY: return kErrorBusy;
-    case ENAMETOOLONG: return kErrorFilenameExcedRange;
-    case ELOOP: return kErrorCantResolveFilename;
-    default: return kApplicationErrorBit | static_cast<uint32_t>(error);
+        case ENOENT:
+            return kErrorFileNotFound;
+        case ENOTDIR:
+            return kErrorPathNotFound;
+        case EMFILE:
+        case ENFILE:
+            return kErrorTooManyOpenFiles;
+        case EACCES:
+        case EPERM:
+        case EISDIR:
+        case EROFS:
+            return kErrorAccessDenied;
+        case ENOMEM:
+            return kErrorNotEnoughMemory;
+        case ETXTBSY:
+            return kErrorSharingViolation;
+        case EINVAL:
+            return kErrorInvalidParameter;
+        case EBUSY:
+            return kErrorBusy;
+        case ENAMETOOLONG:
+            return kErrorFilenameExcedRange;
+        case ELOOP:
+            return kErrorCantResolveFilename;
+        default:
+            return kApplicationErrorBit | static_cast<uint32_t>(error);
     }
 }
 
-int Descriptor(FileMapHandle handle)
-{
+int Descriptor(FileMapHandle handle) {
     return static_cast<int>(handle);
 }
 
 }  // namespace
 
-FileMapHandle FileMapOpenFile(const char* fileName, uint32_t* error)
-{
+FileMapHandle FileMapOpenFile(const char* fileName, uint32_t* error) {
     // O_NONBLOCK: opening a FIFO must not wait for a writer; only regular files are accepted
     // below, and the flag changes nothing for them.
     int fd = open(fileName, O_RDONLY | O_CLOEXEC | O_NONBLOCK);
@@ -76,8 +84,7 @@ FileMapHandle FileMapOpenFile(const char* fileName, uint32_t* error)
     return static_cast<FileMapHandle>(fd);
 }
 
-int FileMapGetSize(FileMapHandle file, uint64_t* size, uint32_t* error)
-{
+int FileMapGetSize(FileMapHandle file, uint64_t* size, uint32_t* error) {
     struct stat info;
     if (fstat(Descriptor(file), &info) != 0) {
         *error = Win32Error(errno);
@@ -87,8 +94,7 @@ int FileMapGetSize(FileMapHandle file, uint64_t* size, uint32_t* error)
     return 1;
 }
 
-FileMapHandle FileMapCreateMapping(FileMapHandle file, uint32_t* error)
-{
+FileMapHandle FileMapCreateMapping(FileMapHandle file, uint32_t* error) {
     struct stat info;
     if (fstat(Descriptor(file), &info) != 0) {
         *error = Win32Error(errno);
@@ -108,12 +114,11 @@ FileMapHandle FileMapCreateMapping(FileMapHandle file, uint32_t* error)
     return static_cast<FileMapHandle>(fd);
 }
 
-const uint8_t* FileMapMapView(FileMapHandle mapping, uint64_t size, uint32_t* error)
-{
+const uint8_t* FileMapMapView(FileMapHandle mapping, uint64_t size, uint32_t* error) {
     // Unlike Windows, nothing stops another process from truncating the file while it is
     // mapped; reading past the new end then raises SIGBUS. The server itself runs on Windows.
-    void* view = mmap(nullptr, static_cast<size_t>(size), PROT_READ, MAP_PRIVATE,
-                      Descriptor(mapping), 0);
+    void* view =
+        mmap(nullptr, static_cast<size_t>(size), PROT_READ, MAP_PRIVATE, Descriptor(mapping), 0);
     if (view == MAP_FAILED) {
         *error = Win32Error(errno);
         return nullptr;
@@ -121,12 +126,10 @@ const uint8_t* FileMapMapView(FileMapHandle mapping, uint64_t size, uint32_t* er
     return static_cast<const uint8_t*>(view);
 }
 
-void FileMapUnmapView(const uint8_t* view, uint64_t size)
-{
+void FileMapUnmapView(const uint8_t* view, uint64_t size) {
     munmap(const_cast<uint8_t*>(view), static_cast<size_t>(size));
 }
 
-void FileMapCloseHandle(FileMapHandle handle)
-{
+void FileMapCloseHandle(FileMapHandle handle) {
     close(Descriptor(handle));
 }

@@ -2,20 +2,17 @@
 
 #include <windows.h>
 
-static HANDLE ToHandle(FileMapHandle handle)
-{
+static HANDLE ToHandle(FileMapHandle handle) {
     return reinterpret_cast<HANDLE>(handle);
 }
 
-static FileMapHandle FromHandle(HANDLE handle)
-{
+static FileMapHandle FromHandle(HANDLE handle) {
     return reinterpret_cast<FileMapHandle>(handle);
 }
 
 static_assert(sizeof(FileMapHandle) == sizeof(HANDLE), "a handle must fit FileMapHandle");
 
-FileMapHandle FileMapOpenFile(const char* fileName, uint32_t* error)
-{
+FileMapHandle FileMapOpenFile(const char* fileName, uint32_t* error) {
     HANDLE file = CreateFileA(fileName, GENERIC_READ, FILE_SHARE_READ, nullptr, OPEN_EXISTING,
                               FILE_ATTRIBUTE_NORMAL, nullptr);
     if (file == INVALID_HANDLE_VALUE) {
@@ -25,8 +22,7 @@ FileMapHandle FileMapOpenFile(const char* fileName, uint32_t* error)
     return FromHandle(file);
 }
 
-int FileMapGetSize(FileMapHandle file, uint64_t* size, uint32_t* error)
-{
+int FileMapGetSize(FileMapHandle file, uint64_t* size, uint32_t* error) {
     LARGE_INTEGER value;
     if (!GetFileSizeEx(ToHandle(file), &value)) {
         *error = GetLastError();
@@ -36,8 +32,7 @@ int FileMapGetSize(FileMapHandle file, uint64_t* size, uint32_t* error)
     return 1;
 }
 
-FileMapHandle FileMapCreateMapping(FileMapHandle file, uint32_t* error)
-{
+FileMapHandle FileMapCreateMapping(FileMapHandle file, uint32_t* error) {
     // Failure is a null handle here, not INVALID_HANDLE_VALUE.
     HANDLE mapping = CreateFileMappingA(ToHandle(file), nullptr, PAGE_READONLY, 0, 0, nullptr);
     if (mapping == nullptr) {
@@ -47,8 +42,7 @@ FileMapHandle FileMapCreateMapping(FileMapHandle file, uint32_t* error)
     return FromHandle(mapping);
 }
 
-const uint8_t* FileMapMapView(FileMapHandle mapping, uint64_t size, uint32_t* error)
-{
+const uint8_t* FileMapMapView(FileMapHandle mapping, uint64_t size, uint32_t* error) {
     // Length 0 views the whole mapping, which is the whole file.
     void* view = MapViewOfFile(ToHandle(mapping), FILE_MAP_READ, 0, 0, 0);
     if (view == nullptr) {
@@ -58,12 +52,10 @@ const uint8_t* FileMapMapView(FileMapHandle mapping, uint64_t size, uint32_t* er
     return static_cast<const uint8_t*>(view);
 }
 
-void FileMapUnmapView(const uint8_t* view, uint64_t size)
-{
+void FileMapUnmapView(const uint8_t* view, uint64_t size) {
     UnmapViewOfFile(view);
 }
 
-void FileMapCloseHandle(FileMapHandle handle)
-{
+void FileMapCloseHandle(FileMapHandle handle) {
     CloseHandle(ToHandle(handle));
 }

@@ -7,7 +7,7 @@ namespace {
 
 const size_t kMessageSize = 4096;  // a message is cut to kMessageSize - 1 characters
 const size_t kPrefixSize = 256;
-const size_t kPieceSize = 1024;    // one Write: at most kPieceSize - 1 characters
+const size_t kPieceSize = 1024;  // one Write: at most kPieceSize - 1 characters
 const char kIndent[] = "                                   ";
 const size_t kIndentLength = sizeof(kIndent) - 1;
 static_assert(kIndentLength == 35, "further lines sit under the text of a 35-character prefix");
@@ -16,8 +16,7 @@ static_assert(kIndentLength == 35, "further lines sit under the text of a 35-cha
 // indentation of the next one. A line that does not fit one piece together with its ending is
 // written in full pieces first; the caller holds the lock for the whole entry, so the pieces
 // stay contiguous in the file and nothing of the line is lost.
-void WriteLine(CLogFile& log, const char* line, size_t length, bool more)
-{
+void WriteLine(CLogFile& log, const char* line, size_t length, bool more) {
     char piece[kPieceSize];
     const size_t capacity = kPieceSize - 1;
     const size_t ending = more ? 1 + kIndentLength : 1;
@@ -44,26 +43,24 @@ void WriteLine(CLogFile& log, const char* line, size_t length, bool more)
 
 }  // namespace
 
-CLogFile::CLogFile(const char* fileName) : m_fp(nullptr)
-{
+CLogFile::CLogFile(const char* fileName) : m_fp(nullptr) {
     memset(m_szFileName, 0, sizeof(m_szFileName));
-    const char* name = (fileName != nullptr && fileName[0] != '\0') ? fileName : kLogDefaultFileName;
+    const char* name =
+        (fileName != nullptr && fileName[0] != '\0') ? fileName : kLogDefaultFileName;
     // A name too long for the buffer is cut; the last byte stays NUL.
     for (size_t i = 0; i + 1 < sizeof(m_szFileName) && name[i] != '\0'; ++i) {
         m_szFileName[i] = name[i];
     }
 }
 
-CLogFile::~CLogFile()
-{
+CLogFile::~CLogFile() {
     if (m_fp != nullptr) {
         fclose(m_fp);
         m_fp = nullptr;
     }
 }
 
-int CLogFile::Log(const char* format, ...)
-{
+int CLogFile::Log(const char* format, ...) {
     char message[kMessageSize];
     memset(message, 0, sizeof(message));
     va_list args;
@@ -92,13 +89,11 @@ int CLogFile::Log(const char* format, ...)
     return 1;
 }
 
-int CLogFile::Write(const char* text)
-{
+int CLogFile::Write(const char* text) {
     return WriteToFile(text);
 }
 
-int CLogFile::WriteToFile(const char* text)
-{
+int CLogFile::WriteToFile(const char* text) {
     CScopedLock<CLock> hold(m_cs);
     if (m_fp == nullptr) {
         // Text mode: line breaks become CRLF on Windows. A failed open is tried again by the

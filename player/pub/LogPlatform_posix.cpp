@@ -10,8 +10,7 @@
 
 const char kLogDefaultFileName[] = "./quorbel.log";
 
-void LogGetLocalTime(LogTime* time)
-{
+void LogGetLocalTime(LogTime* time) {
     struct timeval now;
     gettimeofday(&now, nullptr);
     time_t seconds = now.tv_sec;
@@ -26,26 +25,22 @@ void LogGetLocalTime(LogTime* time)
     time->millisecond = static_cast<int>(now.tv_usec / 1000);
 }
 
-unsigned long LogProcessId()
-{
+unsigned long LogProcessId() {
     return static_cast<unsigned long>(getpid());
 }
 
-unsigned long LogThreadId()
-{
+unsigned long LogThreadId() {
     // The kernel's thread id: a small number like a Windows thread id, and the one that
     // debuggers and /proc show.
     return static_cast<unsigned long>(syscall(SYS_gettid));
 }
 
-void LogFormat(char* buffer, size_t limit, const char* format, va_list args)
-{
+void LogFormat(char* buffer, size_t limit, const char* format, va_list args) {
     // vsnprintf's size includes the NUL; the caller's buffer has room for limit + 1.
     vsnprintf(buffer, limit + 1, format, args);
 }
 
-const char* LogFindLineFeed(const char* text)
-{
+const char* LogFindLineFeed(const char* text) {
     // A line feed is never part of a multibyte sequence in UTF-8 or the usual DBCS pages.
     return strchr(text, '\n');
 }

@@ -7,8 +7,7 @@
 
 const char kLogDefaultFileName[] = ".\\quorbel.log";
 
-void LogGetLocalTime(LogTime* time)
-{
+void LogGetLocalTime(LogTime* time) {
     SYSTEMTIME st;
     GetLocalTime(&st);
     time->year = st.wYear;
@@ -20,23 +19,19 @@ void LogGetLocalTime(LogTime* time)
     time->millisecond = st.wMilliseconds;
 }
 
-unsigned long LogProcessId()
-{
+unsigned long LogProcessId() {
     return GetCurrentProcessId();
 }
 
-unsigned long LogThreadId()
-{
+unsigned long LogThreadId() {
     return GetCurrentThreadId();
 }
 
-void LogFormat(char* buffer, size_t limit, const char* format, va_list args)
-{
+void LogFormat(char* buffer, size_t limit, const char* format, va_list args) {
     _vsnprintf(buffer, limit, format, args);
 }
 
-const char* LogFindLineFeed(const char* text)
-{
+const char* LogFindLineFeed(const char* text) {
     return reinterpret_cast<const char*>(
         _mbschr(reinterpret_cast<const unsigned char*>(text), '\n'));
 }

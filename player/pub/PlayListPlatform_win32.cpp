@@ -5,7 +5,8 @@
 
 uint32_t ClientProcessId(int32_t hClientWnd) {
     DWORD pid = 0;  // left as it is for a null or dead window
-    if (hClientWnd != 0) GetWindowThreadProcessId(static_cast<HWND>(LongToHandle(hClientWnd)), &pid);
+    if (hClientWnd != 0)
+        GetWindowThreadProcessId(static_cast<HWND>(LongToHandle(hClientWnd)), &pid);
     return pid;
 }
 

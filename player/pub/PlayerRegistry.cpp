@@ -51,8 +51,7 @@ CSoundFilePlayer* CPlayerRegistry::PlayerAt(int nSlot) const {
 BOOL CPlayerRegistry::HasExtension(const char* pszFileName, const char* pszExt) {
     if (pszFileName == nullptr || pszExt == nullptr) return FALSE;
     // The multibyte search never takes the second byte of a double-byte character for a dot.
-    const unsigned char* dot =
-        _mbsrchr(reinterpret_cast<const unsigned char*>(pszFileName), '.');
+    const unsigned char* dot = _mbsrchr(reinterpret_cast<const unsigned char*>(pszFileName), '.');
     if (dot == nullptr) return FALSE;
     return _mbsicmp(dot + 1, reinterpret_cast<const unsigned char*>(pszExt)) == 0;
 }

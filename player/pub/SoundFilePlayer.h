@@ -16,11 +16,11 @@ class CSoundFilePlayer;
 
 // One accepted play. Belongs to its play thread, which frees it when PlayFile has returned.
 struct PlayRequest {
-    int32_t hClientWnd;           // the client window, kept as its 32 bits
-    uint32_t dwClientPid;           // owner of hClientWnd when the request was made; 0 for none
-    uint32_t bFollowForeground;   // 1: silenced while the client's process is not in front
-    CSoundFilePlayer* pPlayer;    // runs the play
-    CWavOut* pWavOut;             // set by PlayFile before AddPlaying
+    int32_t hClientWnd;          // the client window, kept as its 32 bits
+    uint32_t dwClientPid;        // owner of hClientWnd when the request was made; 0 for none
+    uint32_t bFollowForeground;  // 1: silenced while the client's process is not in front
+    CSoundFilePlayer* pPlayer;   // runs the play
+    CWavOut* pWavOut;            // set by PlayFile before AddPlaying
     char szFileName[kQuorbelNameBuffer];
     std::atomic<uint32_t> bLoop;  // cleared from the main thread by every stop
     uint32_t bStartSilent;        // initial silent state of the output
@@ -39,8 +39,7 @@ public:
     virtual int PlayFile(PlayRequest* pRequest) = 0;
 
     // Main thread. Non-zero when the play thread was started.
-    int Play(int32_t hClientWnd, const char* pszFileName, uint32_t bLoop,
-             uint32_t dwForegroundPid);
+    int Play(int32_t hClientWnd, const char* pszFileName, uint32_t bLoop, uint32_t dwForegroundPid);
     void StopFile(int32_t hClientWnd, const char* pszFileName);
     void StopOtherFiles(int32_t hClientWnd, const char* pszFileName);
     void StopClient(int32_t hClientWnd);

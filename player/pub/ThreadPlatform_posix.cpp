@@ -19,9 +19,15 @@ CLock::CLock() {
     pthread_mutex_init(new (m_storage) pthread_mutex_t, &attr);
     pthread_mutexattr_destroy(&attr);
 }
-CLock::~CLock() { pthread_mutex_destroy(Mutex(m_storage)); }
-void CLock::Enter() { pthread_mutex_lock(Mutex(m_storage)); }
-void CLock::Leave() { pthread_mutex_unlock(Mutex(m_storage)); }
+CLock::~CLock() {
+    pthread_mutex_destroy(Mutex(m_storage));
+}
+void CLock::Enter() {
+    pthread_mutex_lock(Mutex(m_storage));
+}
+void CLock::Leave() {
+    pthread_mutex_unlock(Mutex(m_storage));
+}
 
 namespace {
 
@@ -95,8 +101,7 @@ int RunWithDeadline(ThreadProc proc, void* arg, uint32_t limitMs, int* started) 
         until.tv_nsec -= 1000000000L;
     }
     pthread_mutex_lock(&start->mutex);
-    while (!start->done && pthread_cond_timedwait(&start->cond, &start->mutex, &until) == 0) {
-    }
+    while (!start->done && pthread_cond_timedwait(&start->cond, &start->mutex, &until) == 0) {}
     bool done = start->done;
     pthread_mutex_unlock(&start->mutex);
     LetGo(start);
@@ -106,11 +111,11 @@ int RunWithDeadline(ThreadProc proc, void* arg, uint32_t limitMs, int* started) 
 uint64_t TickMs() {
     timespec now;
     clock_gettime(CLOCK_MONOTONIC, &now);
-    return static_cast<uint64_t>(now.tv_sec) * 1000u + static_cast<uint64_t>(now.tv_nsec) / 1000000u;
+    return static_cast<uint64_t>(now.tv_sec) * 1000u +
+           static_cast<uint64_t>(now.tv_nsec) / 1000000u;
 }
 
 void SleepMs(uint32_t ms) {
     timespec span = {static_cast<time_t>(ms / 1000), static_cast<long>(ms % 1000) * 1000000L};
-    while (nanosleep(&span, &span) != 0) {
-    }
+    while (nanosleep(&span, &span) != 0) {}
 }

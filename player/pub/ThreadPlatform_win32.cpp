@@ -11,10 +11,18 @@ static CRITICAL_SECTION* Section(unsigned char* storage) {
     return reinterpret_cast<CRITICAL_SECTION*>(storage);
 }
 
-CLock::CLock() { InitializeCriticalSection(new (m_storage) CRITICAL_SECTION); }
-CLock::~CLock() { DeleteCriticalSection(Section(m_storage)); }
-void CLock::Enter() { EnterCriticalSection(Section(m_storage)); }
-void CLock::Leave() { LeaveCriticalSection(Section(m_storage)); }
+CLock::CLock() {
+    InitializeCriticalSection(new (m_storage) CRITICAL_SECTION);
+}
+CLock::~CLock() {
+    DeleteCriticalSection(Section(m_storage));
+}
+void CLock::Enter() {
+    EnterCriticalSection(Section(m_storage));
+}
+void CLock::Leave() {
+    LeaveCriticalSection(Section(m_storage));
+}
 
 namespace {
 
@@ -57,5 +65,9 @@ int RunWithDeadline(ThreadProc proc, void* arg, uint32_t limitMs, int* started) 
     return waited == WAIT_OBJECT_0 ? 1 : 0;
 }
 
-uint64_t TickMs() { return GetTickCount64(); }
-void SleepMs(uint32_t ms) { Sleep(ms); }
+uint64_t TickMs() {
+    return GetTickCount64();
+}
+void SleepMs(uint32_t ms) {
+    Sleep(ms);
+}

@@ -126,7 +126,9 @@ struct GivenUpDevice {
 
 }  // namespace
 
-int32_t CWavOut::OpenDevices() { return Slots().Taken(); }
+int32_t CWavOut::OpenDevices() {
+    return Slots().Taken();
+}
 
 CWavOut::CWavOut()
     : nChannels(0),
@@ -144,7 +146,9 @@ CWavOut::CWavOut()
       nGivenUp(0),
       nCallbackFaults(0) {}
 
-CWavOut::~CWavOut() { Close(); }
+CWavOut::~CWavOut() {
+    Close();
+}
 
 int CWavOut::Open(WavOutParams& params) {
     // Opening over an open device would lose its handle and its buffers.
@@ -179,9 +183,9 @@ int CWavOut::OpenDevice() {
     }
 
     // Half the ring's playing time: the writer looks again once about half of it has drained.
-    dwSleepMs = (static_cast<uint32_t>(nBufferCount / 2) * static_cast<uint32_t>(nBufferSize) *
-                 1000u) /
-                bytesPerSec;
+    dwSleepMs =
+        (static_cast<uint32_t>(nBufferCount / 2) * static_cast<uint32_t>(nBufferSize) * 1000u) /
+        bytesPerSec;
     uint64_t ringMs = static_cast<uint64_t>(nBufferCount) * static_cast<uint64_t>(nBufferSize) *
                       1000u / bytesPerSec;
     uint64_t limitMs = 3 * ringMs + 1000;
@@ -205,8 +209,8 @@ int CWavOut::OpenDevice() {
 }
 
 int CWavOut::PrepareBuffers() {
-    pHeaders = static_cast<WaveBuffer*>(
-        WaveAlloc(static_cast<size_t>(nBufferCount) * sizeof(WaveBuffer)));
+    pHeaders =
+        static_cast<WaveBuffer*>(WaveAlloc(static_cast<size_t>(nBufferCount) * sizeof(WaveBuffer)));
     if (pHeaders == nullptr) {
         g_logFile.Log("[%s:%d]malloc header failed", kUnitPath, __LINE__);
         return 0;
@@ -402,9 +406,11 @@ void CWavOut::Close() {
 // way, so a play thread always ends and releases its file and record.
 void CWavOut::CloseGivenUp() {
     Slots().Disown(nSlot);  // its late notifications must not reach this object any more
-    GivenUpDevice* device = new (std::nothrow) GivenUpDevice{hWaveOut, pHeaders, nBufferCount, nSlot};
+    GivenUpDevice* device =
+        new (std::nothrow) GivenUpDevice{hWaveOut, pHeaders, nBufferCount, nSlot};
     int started = 0;
-    int closed = device != nullptr && RunWithDeadline(&CloserProc, device, kGivenUpCloseMs, &started);
+    int closed =
+        device != nullptr && RunWithDeadline(&CloserProc, device, kGivenUpCloseMs, &started);
     if (!started) delete device;  // not closed at all: the device and its slot stay taken
     if (!closed) {
         g_logFile.Log("[%s:%d]device left open: close did not return within %u ms", kUnitPath,

@@ -21,8 +21,8 @@ struct WaveFormat {
 // a buffer must not move between WavePrepare and WaveUnprepare.
 struct WaveBuffer {
     char* pData;
-    uint32_t nLength;   // the bytes to play, set before each WaveWrite
-    uint32_t bQueued;   // the wave output's own mark: handed to the device, not reported done
+    uint32_t nLength;  // the bytes to play, set before each WaveWrite
+    uint32_t bQueued;  // the wave output's own mark: handed to the device, not reported done
     alignas(8) unsigned char system[64];
 };
 

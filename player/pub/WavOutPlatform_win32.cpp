@@ -11,8 +11,12 @@ static_assert(sizeof(WAVEHDR) <= sizeof(WaveBuffer::system) && alignof(WAVEHDR) 
 
 namespace {
 
-HWAVEOUT Handle(WaveDevice device) { return reinterpret_cast<HWAVEOUT>(device); }
-WAVEHDR* Header(WaveBuffer* buffer) { return reinterpret_cast<WAVEHDR*>(buffer->system); }
+HWAVEOUT Handle(WaveDevice device) {
+    return reinterpret_cast<HWAVEOUT>(device);
+}
+WAVEHDR* Header(WaveBuffer* buffer) {
+    return reinterpret_cast<WAVEHDR*>(buffer->system);
+}
 
 // Only the done message is passed on: WOM_OPEN comes before the handle is known, WOM_CLOSE from
 // inside waveOutClose.
@@ -32,8 +36,9 @@ uint32_t WaveOpen(WaveDevice* device, const WaveFormat& format, uintptr_t instan
     wfx.nAvgBytesPerSec = static_cast<DWORD>(wfx.nBlockAlign) * wfx.nSamplesPerSec;
     wfx.wBitsPerSample = static_cast<WORD>(format.nBitsPerSample);
     HWAVEOUT handle = nullptr;
-    MMRESULT result = waveOutOpen(&handle, WAVE_MAPPER, &wfx, reinterpret_cast<DWORD_PTR>(&WaveOutProc),
-                                  instance, CALLBACK_FUNCTION);
+    MMRESULT result =
+        waveOutOpen(&handle, WAVE_MAPPER, &wfx, reinterpret_cast<DWORD_PTR>(&WaveOutProc), instance,
+                    CALLBACK_FUNCTION);
     *device = result == MMSYSERR_NOERROR ? reinterpret_cast<WaveDevice>(handle) : 0;
     return result;
 }
@@ -57,11 +62,19 @@ uint32_t WaveWrite(WaveDevice device, WaveBuffer* buffer) {
     return waveOutWrite(Handle(device), Header(buffer), sizeof(WAVEHDR));
 }
 
-uint32_t WaveReset(WaveDevice device) { return waveOutReset(Handle(device)); }
-uint32_t WaveClose(WaveDevice device) { return waveOutClose(Handle(device)); }
+uint32_t WaveReset(WaveDevice device) {
+    return waveOutReset(Handle(device));
+}
+uint32_t WaveClose(WaveDevice device) {
+    return waveOutClose(Handle(device));
+}
 
-void* WaveAlloc(size_t size) { return std::calloc(1, size); }
-void WaveFree(void* block) { std::free(block); }
+void* WaveAlloc(size_t size) {
+    return std::calloc(1, size);
+}
+void WaveFree(void* block) {
+    std::free(block);
+}
 
 WaveBuffer* WaveDoneBuffer(uintptr_t systemBuffer) {
     return reinterpret_cast<WaveBuffer*>(reinterpret_cast<WAVEHDR*>(systemBuffer)->dwUser);

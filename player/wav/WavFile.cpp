@@ -22,8 +22,7 @@ const uint32_t kFmtNumChannels = 2;
 const uint32_t kFmtSampleRate = 4;
 const uint32_t kFmtBitsPerSample = 14;
 
-uint32_t LittleEndian(const uint8_t* bytes, uint32_t count)
-{
+uint32_t LittleEndian(const uint8_t* bytes, uint32_t count) {
     uint32_t value = 0;
     for (uint32_t i = count; i > 0; --i) {
         value = (value << 8) | bytes[i - 1];
@@ -31,8 +30,7 @@ uint32_t LittleEndian(const uint8_t* bytes, uint32_t count)
     return value;
 }
 
-uint32_t ReadU32(const uint8_t* p)
-{
+uint32_t ReadU32(const uint8_t* p) {
     uint8_t bytes[4];
     memcpy(bytes, p, sizeof(bytes));
     return LittleEndian(bytes, 4);
@@ -40,18 +38,15 @@ uint32_t ReadU32(const uint8_t* p)
 
 }  // namespace
 
-CWavFile::CWavFile() : pRiffHeader(nullptr), pFmtChunk(nullptr), pDataChunk(nullptr)
-{
+CWavFile::CWavFile() : pRiffHeader(nullptr), pFmtChunk(nullptr), pDataChunk(nullptr) {
     memset(szFileName, 0, sizeof(szFileName));
 }
 
-CWavFile::~CWavFile()
-{
+CWavFile::~CWavFile() {
     Close();
 }
 
-int CWavFile::Open(const char* fileName)
-{
+int CWavFile::Open(const char* fileName) {
     const char* name = (fileName != nullptr) ? fileName : "";
     try {
         // Also clears what a failed InitFileInfo may have left behind on a closed object.
@@ -74,8 +69,7 @@ int CWavFile::Open(const char* fileName)
     }
 }
 
-int CWavFile::InitFileInfo()
-{
+int CWavFile::InitFileInfo() {
     pRiffHeader = nullptr;
     pFmtChunk = nullptr;
     pDataChunk = nullptr;
@@ -120,8 +114,7 @@ int CWavFile::InitFileInfo()
     return 1;
 }
 
-void CWavFile::Close()
-{
+void CWavFile::Close() {
     memset(szFileName, 0, sizeof(szFileName));
     pRiffHeader = nullptr;
     pFmtChunk = nullptr;
@@ -129,8 +122,7 @@ void CWavFile::Close()
     Unmap();
 }
 
-const uint8_t* CWavFile::NextChunk(const uint8_t* chunk) const
-{
+const uint8_t* CWavFile::NextChunk(const uint8_t* chunk) const {
     if (chunk == nullptr || !Contains(chunk, static_cast<uint32_t>(kChunkHeaderSize))) {
         return nullptr;
     }
@@ -150,8 +142,7 @@ const uint8_t* CWavFile::NextChunk(const uint8_t* chunk) const
     return candidate;
 }
 
-const uint8_t* CWavFile::FindChunk(const uint8_t* start, uint32_t id) const
-{
+const uint8_t* CWavFile::FindChunk(const uint8_t* start, uint32_t id) const {
     for (const uint8_t* chunk = NextChunk(start); chunk != nullptr; chunk = NextChunk(chunk)) {
         if (ChunkId(chunk) == id) {
             return chunk;
@@ -160,25 +151,21 @@ const uint8_t* CWavFile::FindChunk(const uint8_t* start, uint32_t id) const
     return nullptr;
 }
 
-const uint8_t* CWavFile::NextDataChunk(const uint8_t* chunk) const
-{
+const uint8_t* CWavFile::NextDataChunk(const uint8_t* chunk) const {
     return FindChunk(chunk, kIdData);
 }
 
-uint32_t CWavFile::ChunkId(const uint8_t* chunk)
-{
+uint32_t CWavFile::ChunkId(const uint8_t* chunk) {
     return ReadU32(chunk);
 }
 
-uint32_t CWavFile::ChunkSize(const uint8_t* chunk)
-{
+uint32_t CWavFile::ChunkSize(const uint8_t* chunk) {
     return ReadU32(chunk + 4);
 }
 
 // Reads a field of the first "fmt " chunk's body; bytes past the body's declared size (which
 // the walk has checked to lie inside the file) read as zero.
-static uint32_t FmtField(const uint8_t* fmtChunk, uint32_t offset, uint32_t width)
-{
+static uint32_t FmtField(const uint8_t* fmtChunk, uint32_t offset, uint32_t width) {
     if (fmtChunk == nullptr) {
         return 0;
     }
@@ -186,27 +173,24 @@ static uint32_t FmtField(const uint8_t* fmtChunk, uint32_t offset, uint32_t widt
     uint8_t bytes[4] = {0, 0, 0, 0};
     if (bodySize > offset) {
         const uint32_t available = bodySize - offset;
-        memcpy(bytes, CWavFile::ChunkBody(fmtChunk) + offset, available < width ? available : width);
+        memcpy(bytes, CWavFile::ChunkBody(fmtChunk) + offset,
+               available < width ? available : width);
     }
     return LittleEndian(bytes, width);
 }
 
-uint16_t CWavFile::AudioFormat() const
-{
+uint16_t CWavFile::AudioFormat() const {
     return static_cast<uint16_t>(FmtField(pFmtChunk, kFmtAudioFormat, 2));
 }
 
-uint16_t CWavFile::NumChannels() const
-{
+uint16_t CWavFile::NumChannels() const {
     return static_cast<uint16_t>(FmtField(pFmtChunk, kFmtNumChannels, 2));
 }
 
-uint32_t CWavFile::SampleRate() const
-{
+uint32_t CWavFile::SampleRate() const {
     return FmtField(pFmtChunk, kFmtSampleRate, 4);
 }
 
-uint16_t CWavFile::BitsPerSample() const
-{
+uint16_t CWavFile::BitsPerSample() const {
     return static_cast<uint16_t>(FmtField(pFmtChunk, kFmtBitsPerSample, 2));
 }

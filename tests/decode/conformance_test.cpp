@@ -15,18 +15,31 @@
 
 namespace {
 
-struct Stream { const char* name; int maxDiff; double rms; int channels, rate; };  // measured by an independent reading
+struct Stream {
+    const char* name;
+    int maxDiff;
+    double rms;
+    int channels, rate;
+};  // measured by an independent reading
 const Stream kStreams[] = {
-    {"l3-compl", 1, 0.71, 1, 48000}, {"l3-he_32khz", 1, 0.70, 1, 32000}, {"l3-he_44khz", 1, 0.70, 1, 44100},
-    {"l3-he_48khz", 1, 0.70, 1, 48000}, {"l3-hecommon", 1, 0.71, 2, 44100}, {"l3-si", 1, 0.65, 1, 44100},
+    {"l3-compl", 1, 0.71, 1, 48000},
+    {"l3-he_32khz", 1, 0.70, 1, 32000},
+    {"l3-he_44khz", 1, 0.70, 1, 44100},
+    {"l3-he_48khz", 1, 0.70, 1, 48000},
+    {"l3-hecommon", 1, 0.71, 2, 44100},
+    {"l3-si", 1, 0.65, 1, 44100},
     {"l3-si_block", 291, 18.6, 1, 44100},  // mixed-block flag on block types 1 and 3
     {"l3-si_huff", 4, 0.73, 1, 44100},     // sound in the top subband
-    {"l3-sin1k0db", 1, 0.71, 2, 44100}, {"M2L3_bitrate_16_all", 2, 0.70, 1, 16000},
+    {"l3-sin1k0db", 1, 0.71, 2, 44100},
+    {"M2L3_bitrate_16_all", 2, 0.70, 1, 16000},
     {"M2L3_bitrate_22_all", 48, 0.89, 1, 22050},  // sound above line 522
-    {"M2L3_bitrate_24_all", 1, 0.70, 1, 24000}, {"M2L3_compl24", 101, 1.47, 1, 24000},
+    {"M2L3_bitrate_24_all", 1, 0.70, 1, 24000},
+    {"M2L3_compl24", 101, 1.47, 1, 24000},
     {"M2L3_noise", 6697, 1327, 2, 22050},  // noise up to the top of the band
 };
-void PrintTo(const Stream& s, std::ostream* os) { *os << s.name; }
+void PrintTo(const Stream& s, std::ostream* os) {
+    *os << s.name;
+}
 
 class Conformance : public ::testing::TestWithParam<Stream> {};
 TEST_P(Conformance, MatchesTheNegatedReferenceWithinItsFigures) {
@@ -49,9 +62,11 @@ TEST_P(Conformance, MatchesTheNegatedReferenceWithinItsFigures) {
         if (!d->DecodeFrame(&io)) break;
         if (d->ReservoirStart >= 0) AppendSamples(ours, block.data(), block.size());
     }
-    EXPECT_TRUE(ours.size() == reference.size() || ours.size() == reference.size() + block.size() / 2)
+    EXPECT_TRUE(ours.size() == reference.size() ||
+                ours.size() == reference.size() + block.size() / 2)
         << ours.size() << " samples decoded, " << reference.size() << " in the reference";
-    const Diff diff = Negated(ours.data(), reference.data(), std::min(ours.size(), reference.size()));
+    const Diff diff =
+        Negated(ours.data(), reference.data(), std::min(ours.size(), reference.size()));
     EXPECT_NEAR(diff.max, s.maxDiff, 1);
     EXPECT_NEAR(diff.rms, s.rms, 0.05 + s.rms * 0.001);  // 1327 is rounded to four digits
 }

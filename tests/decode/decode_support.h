@@ -36,22 +36,30 @@ inline bool Walk(const std::string& path, Walked* out) {
     CMP3Stream walk;
     if (!walk.Open(path.c_str())) return false;
     out->info = walk.StreamInfo();
-    const auto batch = [](void* o, const uint8_t* pcm, uint32_t n) { return AppendSamples(static_cast<Walked*>(o)->pcm, pcm, n), 1; };
+    const auto batch = [](void* o, const uint8_t* pcm, uint32_t n) {
+        return AppendSamples(static_cast<Walked*>(o)->pcm, pcm, n), 1;
+    };
     const auto frame = [](void* o, const MP3FrameIO& io, const CMP3Decoder& d) {
         Walked& w = *static_cast<Walked*>(o);
         ++w.frames, w.skipped += d.ReservoirStart < 0, w.msFrames += d.MsStereo;
         for (uint32_t gr = 0; gr < (io.version == 1 ? 2u : 1u); ++gr)
             for (int ch = 0; ch < d.ChannelCount; ++ch)
-                w.shortGranules += d.GranuleInfo[io.version == 1 ? gr : d.GranuleToggle ^ 1][ch].block_type == 2;
+                w.shortGranules +=
+                    d.GranuleInfo[io.version == 1 ? gr : d.GranuleToggle ^ 1][ch].block_type == 2;
     };
     return walk.Pass(batch, out, frame, out) == 1 && walk.RefusedError() == 0;
 }
 
-struct Diff { int max = 0; double rms = 0; };
+struct Diff {
+    int max = 0;
+    double rms = 0;
+};
 inline Diff Negated(const int16_t* ours, const int16_t* reference, size_t n) {
     Diff diff;
     double sum = 0;
-    for (size_t i = 0; i < n; ++i) diff.max = std::max(diff.max, std::abs(ours[i] + reference[i])), sum += double(ours[i] + reference[i]) * (ours[i] + reference[i]);
+    for (size_t i = 0; i < n; ++i)
+        diff.max = std::max(diff.max, std::abs(ours[i] + reference[i])),
+        sum += double(ours[i] + reference[i]) * (ours[i] + reference[i]);
     diff.rms = n ? std::sqrt(sum / double(n)) : 0.0;
     return diff;
 }
@@ -61,8 +69,11 @@ inline int Shell(const std::string& command, std::string* output) {
     output->clear();
     FILE* pipe = popen((command + " 2>&1").c_str(), "r");
     char buffer[4096];
-    for (size_t n; pipe && (n = fread(buffer, 1, sizeof buffer, pipe)) > 0;) output->append(buffer, n);
+    for (size_t n; pipe && (n = fread(buffer, 1, sizeof buffer, pipe)) > 0;)
+        output->append(buffer, n);
     const int status = pipe ? pclose(pipe) : -1;
     return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
 }
-inline std::string Quote(const std::string& s) { return "'" + s + "'"; }  // the tests' paths hold no quote
+inline std::string Quote(const std::string& s) {
+    return "'" + s + "'";
+}  // the tests' paths hold no quote

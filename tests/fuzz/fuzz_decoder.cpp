@@ -22,8 +22,10 @@ void FuzzCheck(bool condition, const char* what) {
 // 320 kbit/s 32 kHz joint (both), 1440-byte frames. MPEG-2 64 kbit/s 22.05 kHz joint (both);
 // 16 kHz single channel with CRC; 8 kbit/s 24 kHz joint (intensity), 24-byte frames. MPEG-2.5
 // 11.025 kHz joint (intensity); 8 kHz single channel; 12 kHz stereo with CRC.
-const char kFirstHeaders[][5] = {"\xFF\xFB\x90\x64", "\xFF\xFB\x50\xC4", "\xFF\xFA\x94\x34", "\xFF\xFB\xE8\x74", "\xFF\xF3\x80\x74",
-                                 "\xFF\xF2\x48\xC4", "\xFF\xF3\x14\x54", "\xFF\xE3\x40\x54", "\xFF\xE3\x18\xC4", "\xFF\xE2\x24\x00"};
+const char kFirstHeaders[][5] = {"\xFF\xFB\x90\x64", "\xFF\xFB\x50\xC4", "\xFF\xFA\x94\x34",
+                                 "\xFF\xFB\xE8\x74", "\xFF\xF3\x80\x74", "\xFF\xF2\x48\xC4",
+                                 "\xFF\xF3\x14\x54", "\xFF\xE3\x40\x54", "\xFF\xE3\x18\xC4",
+                                 "\xFF\xE2\x24\x00"};
 
 }  // namespace
 
@@ -35,24 +37,31 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         const auto previous = std::filesystem::current_path();
         std::filesystem::current_path(folder.Path(""));
         std::filesystem::create_symlink("/dev/null", "quorbel.log");
-        FuzzCheck(g_logFile.WriteToFile("") && std::filesystem::remove("quorbel.log"), "no log to /dev/null");
+        FuzzCheck(g_logFile.WriteToFile("") && std::filesystem::remove("quorbel.log"),
+                  "no log to /dev/null");
         std::filesystem::current_path(previous);
         return folder.Path("input.mp3");
     }();
     if (size < 1 || size > 1000000) return 0;
-    const std::string file = std::string(kFirstHeaders[data[0] % 10], 4) + std::string(reinterpret_cast<const char*>(data) + 1, size - 1);
+    const std::string file = std::string(kFirstHeaders[data[0] % 10], 4) +
+                             std::string(reinterpret_cast<const char*>(data) + 1, size - 1);
     FuzzCheck(test_support::WriteFile(input, file), "cannot write the input");
     CMP3Stream walk;
     MP3StreamInfo info{};
     if (walk.Open(input.c_str())) {
         info = walk.StreamInfo();
-        FuzzCheck((info.outChannels == 1 || info.outChannels == 2) && info.outFrameBytes > 0 && info.outFrameBytes <= 4608,
+        FuzzCheck((info.outChannels == 1 || info.outChannels == 2) && info.outFrameBytes > 0 &&
+                      info.outFrameBytes <= 4608,
                   "stream information out of range");
-        const auto batch = [](void* sizes, const uint8_t*, uint32_t bytes) { return static_cast<std::vector<uint32_t>*>(sizes)->push_back(bytes), 1; };
+        const auto batch = [](void* sizes, const uint8_t*, uint32_t bytes) {
+            return static_cast<std::vector<uint32_t>*>(sizes)->push_back(bytes), 1;
+        };
         std::vector<uint32_t> first, second;
-        FuzzCheck(walk.Pass(batch, &first) && walk.Pass(batch, &second) && first == second, "the passes differ");
+        FuzzCheck(walk.Pass(batch, &first) && walk.Pass(batch, &second) && first == second,
+                  "the passes differ");
         for (size_t i = 0; i < first.size(); ++i)
-            FuzzCheck(first[i] % info.outFrameBytes == 0 && first[i] <= 10u * info.outFrameBytes && (i + 1 == first.size() || first[i] == 10u * info.outFrameBytes),
+            FuzzCheck(first[i] % info.outFrameBytes == 0 && first[i] <= 10u * info.outFrameBytes &&
+                          (i + 1 == first.size() || first[i] == 10u * info.outFrameBytes),
                       "a batch is not ten whole frames, or fewer at the end");
     }
     std::vector<uint8_t> exact(file.begin(), file.end());
@@ -60,13 +69,17 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     view.pView = exact.data(), view.dwSize = uint32_t(exact.size());
     const uint8_t* end = exact.data() + exact.size();
     auto decoder = std::make_unique<CMP3Decoder>();
-    if (view.InitFileInfo() && CMP3Stream::StartAsThePlayer(decoder.get(), view.pFirstFrame, uint64_t(end - view.pFirstFrame), &info)) {
+    if (view.InitFileInfo() &&
+        CMP3Stream::StartAsThePlayer(decoder.get(), view.pFirstFrame,
+                                     uint64_t(end - view.pFirstFrame), &info)) {
         std::vector<uint8_t> block(size_t(info.outFrameBytes));
         MP3FrameIO io{};
         for (const uint8_t* f = view.pFirstFrame; f; f = view.NextFrame(f)) {
             io.inData = f, io.inLength = int32_t(end - f), io.outData = block.data();
             if (!decoder->DecodeFrame(&io)) break;
-            FuzzCheck(io.inLength > 0 && io.inLength <= end - f && io.outLength == info.outFrameBytes, "frame out of range");
+            FuzzCheck(
+                io.inLength > 0 && io.inLength <= end - f && io.outLength == info.outFrameBytes,
+                "frame out of range");
         }
     }
     view.pView = nullptr, view.dwSize = 0;  // not a mapping: keep Unmap away from the heap block

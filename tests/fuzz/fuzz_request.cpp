@@ -51,14 +51,16 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* input, size_t size) {
         // The expected names, read here independently.
         std::vector<size_t> expected;
         size_t at = 4;
-        for (int i = 0; i < int(dwData & 0xFF) && !(request.nFlags & REQ_STOP_CLIENT) && at < cbData; ++i) {
+        for (int i = 0;
+             i < int(dwData & 0xFF) && !(request.nFlags & REQ_STOP_CLIENT) && at < cbData; ++i) {
             const void* nul = memchr(block.data() + at, 0, cbData - at);
             if (nul == nullptr) break;
             const size_t length = static_cast<const char*>(nul) - (block.data() + at);
             if (length < 260) expected.push_back(at);
             at += length + 1;
         }
-        Check(request.nNames == static_cast<int>(expected.size()), "the names that fit, up to a malformed one");
+        Check(request.nNames == static_cast<int>(expected.size()),
+              "the names that fit, up to a malformed one");
         for (int i = 0; i < request.nNames; ++i) {
             Check(request.names[i] == data + expected[i], "each name where the block holds it");
         }

@@ -7,15 +7,18 @@
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size);
 
-int main(int argc, char** argv)
-{
+int main(int argc, char** argv) {
     std::set<std::filesystem::path> inputs;  // in order, whatever the folder's
     for (int i = 1; i < argc; ++i) {
-        if (!std::filesystem::is_directory(argv[i])) inputs.insert(argv[i]);
-        else inputs.insert(std::filesystem::directory_iterator(argv[i]), std::filesystem::directory_iterator());
+        if (!std::filesystem::is_directory(argv[i]))
+            inputs.insert(argv[i]);
+        else
+            inputs.insert(std::filesystem::directory_iterator(argv[i]),
+                          std::filesystem::directory_iterator());
     }
     for (const std::filesystem::path& input : inputs) {
-        if (!is_regular_file(input)) return fprintf(stderr, "cannot read %s\n", input.string().c_str()), 1;
+        if (!is_regular_file(input))
+            return fprintf(stderr, "cannot read %s\n", input.string().c_str()), 1;
         const std::string bytes = test_support::ReadFile(input.string());
         LLVMFuzzerTestOneInput(reinterpret_cast<const uint8_t*>(bytes.data()), bytes.size());
     }

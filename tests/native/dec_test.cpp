@@ -33,21 +33,31 @@ struct BitWriter {
             bytes.back() |= uint8_t((value >> (n - 1) & 1) << (7 - bits % 8));
         }
     }
-    void PutCode(const std::string& code) { for (char c : code) Put(c == '1', 1); }
-    Bytes Padded() const { Bytes out = bytes; out.resize(out.size() + 64); return out; }
+    void PutCode(const std::string& code) {
+        for (char c : code) Put(c == '1', 1);
+    }
+    Bytes Padded() const {
+        Bytes out = bytes;
+        out.resize(out.size() + 64);
+        return out;
+    }
 };
 
 // A code word of huffman-codes.txt by "table x y" (tables 1 .. 16, 24) or "A vwxy", "B vwxy"; "" if none.
 std::string Code(const std::string& key) {
     static std::map<std::string, std::string> codes;
-    std::ifstream in(codes.empty() ? std::string(QUORBEL_SHARED_DATA_DIR) + "/huffman-codes.txt" : "");  // read once
+    std::ifstream in(codes.empty() ? std::string(QUORBEL_SHARED_DATA_DIR) + "/huffman-codes.txt"
+                                   : "");  // read once
     std::string table = " ", a, b, length, code;
     for (std::string line; std::getline(in, line);) {
         std::istringstream w(line);
         if (!(w >> a) || a[0] == '#') continue;
-        if (a == "table" || a == "count1") w >> table;
-        else if (table[0] >= 'A' && w >> length >> code) codes[table + " " + std::to_string(std::stoi(a, nullptr, 2))] = code;  // count1
-        else if (w >> b >> length >> code) codes[table + " " + a + " " + b] = code;
+        if (a == "table" || a == "count1")
+            w >> table;
+        else if (table[0] >= 'A' && w >> length >> code)
+            codes[table + " " + std::to_string(std::stoi(a, nullptr, 2))] = code;  // count1
+        else if (w >> b >> length >> code)
+            codes[table + " " + a + " " + b] = code;
     }
     return codes.count(key) ? codes[key] : "";
 }
@@ -69,15 +79,23 @@ std::unique_ptr<CMP3Decoder> Started(const Bytes& header) {
     return d;
 }
 Bytes reading;  // what the decoder reads bits from
-void ReadFrom(CMP3Decoder& d, const Bytes& bits) { reading = bits, d.SetBitPos(reading.data()), d.SetBitLimit(reading.data() + reading.size()); }
-int32_t Line(const float* lines, int i) { return CMP3Decoder::LoadSlotInt(lines + i); }
+void ReadFrom(CMP3Decoder& d, const Bytes& bits) {
+    reading = bits, d.SetBitPos(reading.data()), d.SetBitLimit(reading.data() + reading.size());
+}
+int32_t Line(const float* lines, int i) {
+    return CMP3Decoder::LoadSlotInt(lines + i);
+}
 
 // ---- Intensity stereo: of the reference streams, one granule of M2L3_noise sets it and codes
 // no line there; lame never uses it. The factors come from the rules: MPEG-1 splits a band by
 // tan(p pi / 12); MPEG-2 lowers the left side by i0^((p + 1) / 2) for odd p, the right by
 // i0^(p / 2) for even p, i0 = 2^-(scale + 1) / 4; under mid/side both are sqrt 2 larger (such
 // frames' gain is 2 lower); the illegal position leaves the band alone, R := L under mid/side.
-struct Mode { int version; bool ms; int scale; };
+struct Mode {
+    int version;
+    bool ms;
+    int scale;
+};
 class DecIntensity : public ::testing::TestWithParam<Mode> {
 protected:
     // Left channel 1000 + line, right 3 in long band 0 and 0 above.
@@ -94,11 +112,17 @@ protected:
     }
     // Line i of a band at position p whose illegal position is illegal.
     void ExpectPosition(int i, uint32_t p, uint32_t illegal) {
-        const double x = 1000 + i, ms = P().ms ? std::sqrt(2.0) : 1.0, angle = p * std::acos(-1.0) / 12;
-        const double i0 = std::pow(2.0, -(P().scale + 1) / 4.0), s = std::sin(angle), c = std::cos(angle);
-        if (p >= illegal) Expect(i, x, P().ms ? x : 0);
-        else if (P().version == 1) Expect(i, ms * x * s / (s + c), ms * x * c / (s + c));
-        else Expect(i, ms * x * (p % 2 ? std::pow(i0, (p + 1) / 2) : 1), ms * x * (p % 2 ? 1 : std::pow(i0, p / 2)));
+        const double x = 1000 + i, ms = P().ms ? std::sqrt(2.0) : 1.0,
+                     angle = p * std::acos(-1.0) / 12;
+        const double i0 = std::pow(2.0, -(P().scale + 1) / 4.0), s = std::sin(angle),
+                     c = std::cos(angle);
+        if (p >= illegal)
+            Expect(i, x, P().ms ? x : 0);
+        else if (P().version == 1)
+            Expect(i, ms * x * s / (s + c), ms * x * c / (s + c));
+        else
+            Expect(i, ms * x * (p % 2 ? std::pow(i0, (p + 1) / 2) : 1),
+                   ms * x * (p % 2 ? 1 : std::pow(i0, p / 2)));
     }
     const int32_t* l = BandIndexTable[GetParam().version == 1 ? 0 : 3];  // 44.1 or 22.05 kHz
     std::unique_ptr<CMP3Decoder> d;
@@ -113,15 +137,20 @@ protected:
 TEST_P(DecIntensity, LongBlocksEveryPosition) {
     const uint32_t groups[7] = {3, 6, 6, 1, 3, 5, uint32_t(P().scale)};
     std::memcpy(d->IntensityInfo, groups, sizeof groups);
-    const auto bits = [&](int b) { return P().version == 1 ? 4 : b < 3 ? 1 : b < 9 ? 3 : b < 15 ? 5 : 0; };
+    const auto bits = [&](int b) {
+        return P().version == 1 ? 4 : b < 3 ? 1 : b < 9 ? 3 : b < 15 ? 5 : 0;
+    };
     for (int b = 0; b < 21; ++b) sf->longSf[b] = uint32_t(b * 5) & ((1u << bits(b)) - 1);
     d->LineCount[0][0] = 400;
     d->ProcessStereo(header, 0);
     for (int b = 0; b < 22; ++b)
         for (int i = l[b]; i < l[b + 1]; ++i) {
-            if (b == 0) Expect(i, P().ms ? i + 1003 : i + 1000, P().ms ? i + 997 : 3);  // mid/side below
-            else if (b == 21 || i >= 400) Expect(i, 1000 + i, 0);
-            else ExpectPosition(i, sf->longSf[b], P().version == 1 ? 7 : (1u << bits(b)) - 1);
+            if (b == 0)
+                Expect(i, P().ms ? i + 1003 : i + 1000, P().ms ? i + 997 : 3);  // mid/side below
+            else if (b == 21 || i >= 400)
+                Expect(i, 1000 + i, 0);
+            else
+                ExpectPosition(i, sf->longSf[b], P().version == 1 ? 7 : (1u << bits(b)) - 1);
         }
 }
 
@@ -134,35 +163,52 @@ TEST_P(DecIntensity, ShortBlocksPerWindow) {
         d->BandInfo[0][1][kBandMax] = 2, d->LineCount[0][0] = 41;
         sf->shortSf[0][3] = 0, sf->shortSf[1][3] = 6, sf->shortSf[2][3] = 3;
         d->ProcessStereo(header, 0);
-        for (int w = 0; w < 3; ++w) ExpectPosition(36 + w, sf->shortSf[w][3], 7), Expect(39 + w, 1039 + w, 0);
+        for (int w = 0; w < 3; ++w)
+            ExpectPosition(36 + w, sf->shortSf[w][3], 7), Expect(39 + w, 1039 + w, 0);
         return;
     }
     const int maxR[3] = {1, 2, 3}, maxL[3] = {3, 2, 4};  // s = 0 4 8 12 18 24 ...
-    for (int w = 0; w < 3; ++w) d->BandInfo[0][1][kBandMaxShort + w] = maxR[w], d->BandInfo[0][0][kBandMaxShort + w] = maxL[w];
+    for (int w = 0; w < 3; ++w)
+        d->BandInfo[0][1][kBandMaxShort + w] = maxR[w],
+                                          d->BandInfo[0][0][kBandMaxShort + w] = maxL[w];
     const uint32_t groups[7] = {6, 6, 0, 1, 1, 0, uint32_t(P().scale)};
     std::memcpy(d->IntensityInfo, groups, sizeof groups);
     sf->shortSf[0][3] = 1;
     d->ProcessStereo(header, 0);
-    ExpectPosition(24, 0, 1), ExpectPosition(36, 1, 1), Expect(54, 1054, 0);  // window 0: bands 2, 3 (illegal), not 4
-    Expect(37, 1037, 0), ExpectPosition(56, 0, 1);                            // window 1: none; window 2: band 4
+    ExpectPosition(24, 0, 1), ExpectPosition(36, 1, 1),
+        Expect(54, 1054, 0);                        // window 0: bands 2, 3 (illegal), not 4
+    Expect(37, 1037, 0), ExpectPosition(56, 0, 1);  // window 1: none; window 2: band 4
 }
 
 INSTANTIATE_TEST_SUITE_P(Modes, DecIntensity,
-                         ::testing::Values(Mode{1, false, 0}, Mode{1, true, 0}, Mode{2, false, 0}, Mode{2, true, 0},
-                                           Mode{2, false, 1}, Mode{2, true, 1}),
-                         [](const auto& i) { return "Mpeg" + std::to_string(i.param.version) + (i.param.ms ? "MidSide" : "") + "Scale" + std::to_string(i.param.scale); });
+                         ::testing::Values(Mode{1, false, 0}, Mode{1, true, 0}, Mode{2, false, 0},
+                                           Mode{2, true, 0}, Mode{2, false, 1}, Mode{2, true, 1}),
+                         [](const auto& i) {
+                             return "Mpeg" + std::to_string(i.param.version) +
+                                    (i.param.ms ? "MidSide" : "") + "Scale" +
+                                    std::to_string(i.param.scale);
+                         });
 
 // MPEG-2 scale factors: the right channel of an intensity frame splits scalefac_compress by its
 // own rule into band groups and lengths, which it leaves for the stereo stage; the left channel
 // keeps the ordinary rule, by which the mixed-block flag moves the lengths up whatever the block
 // type (on a long block too, which no MPEG-2 stream sets). The bits read show the lengths.
 TEST(DecMpeg2ScaleFactors, RightChannelGroupsAndTheMixedFlagOnALongBlock) {
-    struct Case { uint32_t sfc, blockType, mixed, ch, slen[3], counts[3]; int bits; };
+    struct Case {
+        uint32_t sfc, blockType, mixed, ch, slen[3], counts[3];
+        int bits;
+    };
     const Case cases[] = {
-        {511, 0, 1, 0, {}, {}, 11 * 3 + 10 * 3},                   // (3, 2) moved up to (3, 3, 2)
-        {359, 0, 0, 1, {4, 5, 5}, {7, 7, 7}, 7 * (4 + 5 + 5)},      // i = 179: table 3
-        {360, 2, 0, 1, {0, 0, 0}, {4, 3, 3}, 0},                   // i = 180: table 4, lengths 0
-        {511, 2, 1, 1, {3, 2, 0}, {6, 6, 3}, 6 * 3 + 6 * 3 * 2},   // i = 255: table 5, mixed: 6 long bands first
+        {511, 0, 1, 0, {}, {}, 11 * 3 + 10 * 3},                // (3, 2) moved up to (3, 3, 2)
+        {359, 0, 0, 1, {4, 5, 5}, {7, 7, 7}, 7 * (4 + 5 + 5)},  // i = 179: table 3
+        {360, 2, 0, 1, {0, 0, 0}, {4, 3, 3}, 0},                // i = 180: table 4, lengths 0
+        {511,
+         2,
+         1,
+         1,
+         {3, 2, 0},
+         {6, 6, 3},
+         6 * 3 + 6 * 3 * 2},  // i = 255: table 5, mixed: 6 long bands first
     };
     for (const Case& c : cases) {
         auto d = Started(kMpeg2);
@@ -173,7 +219,9 @@ TEST(DecMpeg2ScaleFactors, RightChannelGroupsAndTheMixedFlagOnALongBlock) {
         d->ReadScaleFactorsMpeg2(0, c.ch);
         EXPECT_EQ(d->BitsUsed(), c.bits) << c.sfc;
         for (int i = 0; i < 3 && c.ch == 1; ++i)
-            EXPECT_TRUE(d->IntensityInfo[kIntensityCount + i] == c.counts[i] && d->IntensityInfo[kIntensitySlen + i] == c.slen[i]) << c.sfc;
+            EXPECT_TRUE(d->IntensityInfo[kIntensityCount + i] == c.counts[i] &&
+                        d->IntensityInfo[kIntensitySlen + i] == c.slen[i])
+                << c.sfc;
         EXPECT_EQ(d->IntensityInfo[kIntensityScale], c.ch == 1 ? c.sfc % 2 : 0) << c.sfc;
     }
 }
@@ -186,9 +234,17 @@ int Decode(CMP3Decoder& d, const Bytes& frame) {  // into a block of sentinels, 
     io.inData = frame.data(), io.inLength = int32_t(frame.size()), io.outData = pcm.data();
     return d.DecodeFrame(&io);
 }
-bool Filled(size_t from, size_t to, uint8_t v) { return std::all_of(&pcm[from], &pcm[0] + to, [v](uint8_t b) { return b == v; }); }
-bool Untouched() { return Filled(0, pcm.size(), 0x5A); }
-BitWriter Side(std::vector<std::pair<uint32_t, int>> fields) { BitWriter w; for (auto f : fields) w.Put(f.first, f.second); return w; }
+bool Filled(size_t from, size_t to, uint8_t v) {
+    return std::all_of(&pcm[from], &pcm[0] + to, [v](uint8_t b) { return b == v; });
+}
+bool Untouched() {
+    return Filled(0, pcm.size(), 0x5A);
+}
+BitWriter Side(std::vector<std::pair<uint32_t, int>> fields) {
+    BitWriter w;
+    for (auto f : fields) w.Put(f.first, f.second);
+    return w;
+}
 
 TEST(DecReservoir, FramesWithoutTheirDataAreSkippedAndKeepTheirBytes) {
     auto d = Started(kMpeg1);  // 381 bytes of main data a frame
@@ -196,8 +252,10 @@ TEST(DecReservoir, FramesWithoutTheirDataAreSkippedAndKeepTheirBytes) {
     EXPECT_TRUE(Untouched() && d->ReservoirBytes == 381);
     ASSERT_EQ(Decode(*d, Frame(kMpeg1, Side({{382, 9}}), 417)), 1);  // one byte more than held
     EXPECT_TRUE(Untouched() && d->ReservoirBytes == 762);
-    ASSERT_EQ(Decode(*d, Frame(kMpeg1, Side({{511, 9}}), 417)), 1);  // held: into this frame's PCM only
-    EXPECT_TRUE(d->ReservoirStart == 762 - 511 && Filled(0, 4608, 0) && Filled(4608, pcm.size(), 0x5A));
+    ASSERT_EQ(Decode(*d, Frame(kMpeg1, Side({{511, 9}}), 417)),
+              1);  // held: into this frame's PCM only
+    EXPECT_TRUE(d->ReservoirStart == 762 - 511 && Filled(0, 4608, 0) &&
+                Filled(4608, pcm.size(), 0x5A));
     // An MPEG-2 frame's granule goes to the slot the toggle names; a skipped frame leaves the
     // toggle, so that the next frame's granule overlaps the last decoded one.
     const Bytes mono = {0xFF, 0xF3, 0x80, 0xC0};  // 208-byte frames
@@ -205,13 +263,24 @@ TEST(DecReservoir, FramesWithoutTheirDataAreSkippedAndKeepTheirBytes) {
     ASSERT_EQ(Decode(*d, Frame(mono, Side({{5, 8}, {0, 22}, {33, 8}}), 208)), 1);
     EXPECT_TRUE(Untouched() && d->GranuleToggle == 0);
     ASSERT_EQ(Decode(*d, Frame(mono, Side({{0, 8}, {0, 22}, {44, 8}}), 208)), 1);  // global gain 44
-    EXPECT_TRUE(d->GranuleToggle == 1 && d->GranuleInfo[0][0].global_gain == 44 && Filled(0, 1152, 0));
+    EXPECT_TRUE(d->GranuleToggle == 1 && d->GranuleInfo[0][0].global_gain == 44 &&
+                Filled(0, 1152, 0));
     // Frames without room for their data: skipped whole, their bytes kept where they fit.
-    struct Case { const char* what; Bytes stream, frame; int32_t heldBefore, heldAfter; };
+    struct Case {
+        const char* what;
+        Bytes stream, frame;
+        int32_t heldBefore, heldAfter;
+    };
     const Case cases[] = {
-        {"MPEG-1 in a 22.05 kHz stream: no room for granule 1", kMpeg2, Frame(kMpeg1, {}, 835), 0, 835 - 36},
-        {"Layer I, shorter than its side information", kMpeg1, Frame({0xFF, 0xFF, 0x10, 0x40}, {}, 32), 0, 0},
-        {"Layer II at 32 kHz, 1693 bytes past the fill limit", {0xFF, 0xFB, 0x98, 0x64}, Frame({0xFF, 0xFD, 0xEA, 0x40}, {}, 1729), 6692, 6692},
+        {"MPEG-1 in a 22.05 kHz stream: no room for granule 1", kMpeg2, Frame(kMpeg1, {}, 835), 0,
+         835 - 36},
+        {"Layer I, shorter than its side information", kMpeg1,
+         Frame({0xFF, 0xFF, 0x10, 0x40}, {}, 32), 0, 0},
+        {"Layer II at 32 kHz, 1693 bytes past the fill limit",
+         {0xFF, 0xFB, 0x98, 0x64},
+         Frame({0xFF, 0xFD, 0xEA, 0x40}, {}, 1729),
+         6692,
+         6692},
     };
     for (const Case& c : cases) {
         d = Started(c.stream);
@@ -229,12 +298,19 @@ TEST(DecReservoir, FramesWithoutTheirDataAreSkippedAndKeepTheirBytes) {
 TEST(DecHuffmanEnds, OverrunLineLimitAndCount1End) {
     const Bytes mono = {0xFF, 0xFB, 0x10, 0xC0};
     auto d = Started(mono);
-    ASSERT_EQ(Decode(*d, Frame(mono, Side({{0, 18}, {4095, 12}, {200, 9}, {200, 8}, {0, 5}, {1, 5}, {1, 5}, {1, 5}}), 104)), 1);
+    ASSERT_EQ(
+        Decode(
+            *d,
+            Frame(mono,
+                  Side({{0, 18}, {4095, 12}, {200, 9}, {200, 8}, {0, 5}, {1, 5}, {1, 5}, {1, 5}}),
+                  104)),
+        1);
     EXPECT_TRUE(Filled(0, 2304, 0));
 
     d = Started(kMpeg1);
     GranuleSideInfo& g = d->GranuleInfo[0][0];
-    g.big_values = 300, g.region0_count = 15, g.region1_count = 7;  // region 1 from line 162 to the end
+    g.big_values = 300, g.region0_count = 15,
+    g.region1_count = 7;  // region 1 from line 162 to the end
     g.table_select[1] = 1, g.table_select[2] = 15;
     BitWriter w;
     for (int i = 162; i < 558; i += 2) w.PutCode(Code("1 1 0")), w.Put(0, 1);
@@ -244,13 +320,15 @@ TEST(DecHuffmanEnds, OverrunLineLimitAndCount1End) {
     ReadFrom(*d, w.Padded());
     d->DecodeHuffman(0, 0, 0);
     EXPECT_TRUE(d->LineCount[0][0] == 558 && d->BitsUsed() == w.bits - 32);
-    for (int i : {160, 162, 556, 558, 575}) EXPECT_EQ(Line(d->Spectrum[0][0], i), i >= 162 && i < 558 ? 1 : 0) << i;
+    for (int i : {160, 162, 556, 558, 575})
+        EXPECT_EQ(Line(d->Spectrum[0][0], i), i >= 162 && i < 558 ? 1 : 0) << i;
 
     float out[16];
     ReadFrom(*d, Bytes(16));
     EXPECT_EQ(d->DecodeCount1(out, 16, 3, 1), 0);  // table B codes take 4 bits
     BitWriter q;
-    q.PutCode(Code("A 8")), q.Put(0, 1), q.PutCode(Code("A 15")), q.Put(0, 4);  // (1, 0, 0, 0), (1, 1, 1, 1)
+    q.PutCode(Code("A 8")), q.Put(0, 1), q.PutCode(Code("A 15")),
+        q.Put(0, 4);  // (1, 0, 0, 0), (1, 1, 1, 1)
     // One bit left: a quadruple is still read, then cleared as its code and sign ran past the
     // channel's bits; the count keeps it (v only: two lines).
     std::fill(out, out + 16, 7.0f);
@@ -258,7 +336,8 @@ TEST(DecHuffmanEnds, OverrunLineLimitAndCount1End) {
     EXPECT_EQ(d->DecodeCount1(out, 16, 1, 0), 2);
     EXPECT_TRUE(Line(out, 0) == 0 && Line(out, 3) == 0 && out[4] == 7.0f);
     ReadFrom(*d, q.Padded());
-    EXPECT_TRUE(d->DecodeCount1(out, 16, q.bits, 0) == 8 && Line(out, 7) == 1);  // exactly enough: both kept
+    EXPECT_TRUE(d->DecodeCount1(out, 16, q.bits, 0) == 8 &&
+                Line(out, 7) == 1);  // exactly enough: both kept
     ReadFrom(*d, q.Padded());
     EXPECT_EQ(d->DecodeCount1(out, 7, 1000, 0), 2);  // seven lines hold one quadruple
 }
@@ -266,12 +345,21 @@ TEST(DecHuffmanEnds, OverrunLineLimitAndCount1End) {
 // ---- The stream's edges: refused headers with their LastError codes, input too short, frames
 // sized with the first frame's rate, the VBR headers' places.
 TEST(DecStream, HeadersShortInputAndTheFirstFramesRate) {
-    struct Case { uint8_t b0, b1, b2; int result; uint32_t error, version; };
+    struct Case {
+        uint8_t b0, b1, b2;
+        int result;
+        uint32_t error, version;
+    };
     const Case cases[] = {
-        {0xFF, 0xE2, 0x90, 1, 0, 3}, {0xFF, 0xEA, 0x90, 1, 0, 3}, {0xFF, 0xF2, 0x90, 1, 0, 2},  // version 00, 01, 10
-        {0xFF, 0xDB, 0x90, 0, kNoSync, 0}, {0xFE, 0xFB, 0x90, 0, kNoSync, 0},   // the eleven sync bits
-        {0xFF, 0xFB, 0x9C, 0, kBadField, 0}, {0xFF, 0xFB, 0x00, 0, kBadField, 0},  // rate 3, free format
-        {0xFF, 0xFB, 0xF0, 0, kBadField, 0}, {0xFF, 0xF9, 0x90, 0, kBadField, 0},  // bitrate 15, layer 00
+        {0xFF, 0xE2, 0x90, 1, 0, 3},
+        {0xFF, 0xEA, 0x90, 1, 0, 3},
+        {0xFF, 0xF2, 0x90, 1, 0, 2},  // version 00, 01, 10
+        {0xFF, 0xDB, 0x90, 0, kNoSync, 0},
+        {0xFE, 0xFB, 0x90, 0, kNoSync, 0},  // the eleven sync bits
+        {0xFF, 0xFB, 0x9C, 0, kBadField, 0},
+        {0xFF, 0xFB, 0x00, 0, kBadField, 0},  // rate 3, free format
+        {0xFF, 0xFB, 0xF0, 0, kBadField, 0},
+        {0xFF, 0xF9, 0x90, 0, kBadField, 0},  // bitrate 15, layer 00
     };
     auto d = Started(kMpeg1);
     for (const Case& c : cases) {
@@ -279,54 +367,75 @@ TEST(DecStream, HeadersShortInputAndTheFirstFramesRate) {
         MP3FrameHeader h{};
         d->LastError = 0;
         EXPECT_EQ(d->DecodeFrameHeader(bytes, &h), c.result) << int(c.b1) << " " << int(c.b2);
-        EXPECT_TRUE(d->LastError == c.error && (c.result ? h.version : 0) == c.version) << int(c.b1) << " " << int(c.b2);
+        EXPECT_TRUE(d->LastError == c.error && (c.result ? h.version : 0) == c.version)
+            << int(c.b1) << " " << int(c.b2);
     }
     MP3StreamInfo info{};
-    for (uint8_t layer : {0xFF, 0xFD}) {  // Layer I and II streams: refused with no code of their own
+    for (uint8_t layer :
+         {0xFF, 0xFD}) {  // Layer I and II streams: refused with no code of their own
         d = std::make_unique<CMP3Decoder>();
-        EXPECT_TRUE(d->StartDecoder(Frame({0xFF, layer, 0x90, 0x64}).data(), 2000, &info) == 0 && d->LastError == 0);
+        EXPECT_TRUE(d->StartDecoder(Frame({0xFF, layer, 0x90, 0x64}).data(), 2000, &info) == 0 &&
+                    d->LastError == 0);
     }
-    const Bytes first = Frame(kMpeg1), noSync = Frame({0, 0xFB, 0x90, 0x64}), other = Frame({0xFF, 0xFB, 0x94, 0x64});  // 48 kHz
+    const Bytes first = Frame(kMpeg1), noSync = Frame({0, 0xFB, 0x90, 0x64}),
+                other = Frame({0xFF, 0xFB, 0x94, 0x64});  // 48 kHz
     d = std::make_unique<CMP3Decoder>();
     EXPECT_TRUE(d->StartDecoder(first.data(), 155, &info) == 0 && d->LastError == kShortInput);
     ASSERT_EQ(d->StartDecoder(first.data(), 156, &info), 1);
     Bytes out(4608);
     MP3FrameIO io{};
-    const auto decode = [&](const Bytes& f, int32_t n) { io.inData = f.data(), io.inLength = n, io.outData = out.data(); return d->DecodeFrame(&io); };
+    const auto decode = [&](const Bytes& f, int32_t n) {
+        io.inData = f.data(), io.inLength = n, io.outData = out.data();
+        return d->DecodeFrame(&io);
+    };
     EXPECT_TRUE(decode(first, 4) == 0 && d->LastError == kShortInput);
     EXPECT_TRUE(decode(noSync, 5) == 0 && d->LastError == kNoSync);  // 5 bytes reach the header
     EXPECT_TRUE(decode(first, 416) == 0 && d->LastError == kShortInput && d->ReservoirBytes == 0);
     EXPECT_EQ(io.bitrate, 128000u);  // the header's fields are filled before the refusal
     EXPECT_TRUE(decode(first, 417) == 1 && io.outLength == 4608);
-    EXPECT_TRUE(decode(other, 2000) == 1 && io.inLength == 417);  // sized with the stream's 44.1 kHz
+    EXPECT_TRUE(decode(other, 2000) == 1 &&
+                io.inLength == 417);  // sized with the stream's 44.1 kHz
 }
 
 // A Xing header after the header, the CRC and the side information; VBRI 32 bytes in whatever
 // the mode. Found: the totals, and bitrate 0; not found: the header's bitrate.
 TEST(DecStream, VbrHeadersAtTheirPlaces) {
-    const auto tagged = [](Bytes f, size_t at, const char* tag, std::vector<std::pair<size_t, uint32_t>> words) {
+    const auto tagged = [](Bytes f, size_t at, const char* tag,
+                           std::vector<std::pair<size_t, uint32_t>> words) {
         std::memcpy(&f[at], tag, 4);
         for (const auto& [distance, v] : words)
             for (int k = 0; k < 4; ++k) f[at + distance + k] = uint8_t(v >> (24 - 8 * k));
         return f;
     };
-    struct Case { Bytes file; int result; int32_t frames, bytes, bitrate; };
+    struct Case {
+        Bytes file;
+        int result;
+        int32_t frames, bytes, bitrate;
+    };
     std::vector<Case> cases = {
         {tagged(Frame(kMpeg1), 36, "Xing", {{4, 0}}), 0, 0, 0, 0},  // neither count: refused
-        {tagged(Frame(kMpeg1), 36, "Xing", {{4, 1}, {8, 10}, {12, 77}}), 1, 10, 77, 0},  // frames alone
+        {tagged(Frame(kMpeg1), 36, "Xing", {{4, 1}, {8, 10}, {12, 77}}), 1, 10, 77,
+         0},  // frames alone
         {tagged(Frame(kMpeg1), 36, "VBRI", {{10, 4000000}, {14, 9000}}), 1, 9000, 4000000, 0}};
-    const Bytes headers[3] = {{0xFF, 0xFB, 0x90, 0xC4}, {0xFF, 0xFA, 0x90, 0x44}, {0xFF, 0xF3, 0x80, 0xC0}};
-    const size_t places[3] = {4 + 17, 4 + 2 + 32, 4 + 9};  // MPEG-1 mono, stereo with CRC, MPEG-2 mono
+    const Bytes headers[3] = {
+        {0xFF, 0xFB, 0x90, 0xC4}, {0xFF, 0xFA, 0x90, 0x44}, {0xFF, 0xF3, 0x80, 0xC0}};
+    const size_t places[3] = {4 + 17, 4 + 2 + 32,
+                              4 + 9};  // MPEG-1 mono, stereo with CRC, MPEG-2 mono
     for (int i = 0; i < 3; ++i) {
-        cases.push_back({tagged(Frame(headers[i]), places[i], "Xing", {{4, 3}, {8, 1234}, {12, 567890}}), 1, 1234, 567890, 0});
-        cases.push_back({tagged(Frame(headers[i]), places[i] + 1, "Xing", {{4, 3}}), 1, 0, 0, i == 2 ? 64000 : 128000});
+        cases.push_back(
+            {tagged(Frame(headers[i]), places[i], "Xing", {{4, 3}, {8, 1234}, {12, 567890}}), 1,
+             1234, 567890, 0});
+        cases.push_back({tagged(Frame(headers[i]), places[i] + 1, "Xing", {{4, 3}}), 1, 0, 0,
+                         i == 2 ? 64000 : 128000});
     }
     for (const Case& c : cases) {
         auto d = std::make_unique<CMP3Decoder>();
         MP3StreamInfo info{};
         ASSERT_EQ(d->StartDecoder(c.file.data(), 156, &info), c.result) << &c - &cases[0];
-        EXPECT_TRUE(c.result ? info.totalFrames == c.frames && info.totalBytes == c.bytes && info.bitrate == c.bitrate
-                             : d->LastError == kBadField) << &c - &cases[0];
+        EXPECT_TRUE(c.result ? info.totalFrames == c.frames && info.totalBytes == c.bytes &&
+                                   info.bitrate == c.bitrate
+                             : d->LastError == kBadField)
+            << &c - &cases[0];
     }
 }
 
@@ -337,18 +446,26 @@ TEST(DecTables, EveryHuffmanCodeWordDecodesToItsValues) {
     const int kLinbits[16] = {1, 2, 3, 4, 6, 8, 10, 13, 4, 5, 6, 7, 8, 9, 11, 13};  // tables 16..31
     auto d = Started(kMpeg1);
     for (int table = 1; table < 34; ++table) {  // 32, 33: count1 tables A and B
-        const int base = table >= 24 ? 24 : table >= 16 ? 16 : table, linbits = table >= 16 && table < 32 ? kLinbits[table - 16] : 0;
+        const int base = table >= 24   ? 24
+                         : table >= 16 ? 16
+                                       : table,
+                  linbits = table >= 16 && table < 32 ? kLinbits[table - 16] : 0;
         BitWriter w;
         std::vector<int> expected;
         for (int x = 0; x < 16; ++x)
             for (int y = 0; y < (table < 32 ? 16 : 1); ++y) {
-                const std::string code = Code(table < 32 ? std::to_string(base) + " " + std::to_string(x) + " " + std::to_string(y)
-                                                         : std::string(table == 32 ? "A " : "B ") + std::to_string(x));
+                const std::string code =
+                    Code(table < 32 ? std::to_string(base) + " " + std::to_string(x) + " " +
+                                          std::to_string(y)
+                                    : std::string(table == 32 ? "A " : "B ") + std::to_string(x));
                 if (code.empty()) continue;
                 w.PutCode(code);
-                const std::vector<int> values = table < 32 ? std::vector<int>{x, y} : std::vector<int>{x >> 3 & 1, x >> 2 & 1, x >> 1 & 1, x & 1};
+                const std::vector<int> values =
+                    table < 32 ? std::vector<int>{x, y}
+                               : std::vector<int>{x >> 3 & 1, x >> 2 & 1, x >> 1 & 1, x & 1};
                 for (int v : values) {
-                    const int extra = v == 15 && linbits ? (v * 7 + int(expected.size())) % (1 << linbits) : 0;
+                    const int extra =
+                        v == 15 && linbits ? (v * 7 + int(expected.size())) % (1 << linbits) : 0;
                     const bool negative = v && (expected.size() / 2 + table) % 3 == 0;
                     if (v == 15 && linbits) w.Put(extra, linbits);
                     if (v) w.Put(negative, 1);
@@ -358,10 +475,13 @@ TEST(DecTables, EveryHuffmanCodeWordDecodesToItsValues) {
         if (expected.empty()) continue;  // tables 4 and 14 have no code
         float out[576];
         ReadFrom(*d, w.Padded());
-        if (table < 32) d->DecodeBigValues(out, int32_t(expected.size()), uint32_t(table));
-        else EXPECT_EQ(d->DecodeCount1(out, 64, w.bits, table - 32), 64);
+        if (table < 32)
+            d->DecodeBigValues(out, int32_t(expected.size()), uint32_t(table));
+        else
+            EXPECT_EQ(d->DecodeCount1(out, 64, w.bits, table - 32), 64);
         EXPECT_EQ(d->BitsUsed(), w.bits) << "table " << table;
-        for (size_t i = 0; i < expected.size(); ++i) ASSERT_EQ(Line(out, int(i)), expected[i]) << "table " << table << " value " << i;
+        for (size_t i = 0; i < expected.size(); ++i)
+            ASSERT_EQ(Line(out, int(i)), expected[i]) << "table " << table << " value " << i;
     }
 }
 
@@ -371,7 +491,8 @@ TEST(DecTables, BandsAndSynthesisWindowFollowTheirFiles) {
     for (std::string line, kind; std::getline(bands, line);) {
         std::istringstream w(line);
         if (!(w >> kind) || kind[0] == '#' || (kind == "rate" && ++row >= 0)) continue;
-        for (int i = kind == "long" ? 0 : 23, v; w >> v; ++i, ++values) EXPECT_EQ(BandIndexTable[row][i], v) << line << " at " << i;
+        for (int i = kind == "long" ? 0 : 23, v; w >> v; ++i, ++values)
+            EXPECT_EQ(BandIndexTable[row][i], v) << line << " at " << i;
     }
     EXPECT_EQ(values, 9 * 37);
     // The stored window: rows of pairs (D[i + 64m], D[i + 64m + 32]) negated, then D[48 + 64m];
@@ -385,10 +506,14 @@ TEST(DecTables, BandsAndSynthesisWindowFollowTheirFiles) {
         if (line[0] != '#' && w >> i >> k && i >= 0 && i < 512) D[i] = k / 65536.0, ++count;
     }
     ASSERT_EQ(count, 512);
-    const auto nearly = [](float stored, double exact) { return std::fabs(stored - exact) <= 5e-9 + std::fabs(exact) * 6e-8; };
+    const auto nearly = [](float stored, double exact) {
+        return std::fabs(stored - exact) <= 5e-9 + std::fabs(exact) * 6e-8;
+    };
     for (int r = 0; r < 16; ++r)
         for (int m = 0; m < 8; ++m)
-            EXPECT_TRUE(nearly(SynthWindow[16 * r + 2 * m], -D[r + 64 * m]) && nearly(SynthWindow[16 * r + 2 * m + 1], -D[r + 64 * m + 32])) << r << " " << m;
+            EXPECT_TRUE(nearly(SynthWindow[16 * r + 2 * m], -D[r + 64 * m]) &&
+                        nearly(SynthWindow[16 * r + 2 * m + 1], -D[r + 64 * m + 32]))
+                << r << " " << m;
     for (int m = 0; m < 8; ++m) EXPECT_PRED2(nearly, SynthWindow[256 + m], D[48 + 64 * m]) << m;
 }
 
@@ -405,8 +530,11 @@ double WindowSum(const float* ring, uint32_t o, int k) {
     double sum = 0;
     for (uint32_t m = 0, i = k <= 16 ? k : 32 - k; m < 8; ++m) {
         const double a = ring[(o + 16 + i + 64 * m) & 511], b = ring[(o + 48 - i + 64 * m) & 511];
-        if (k == 16) sum += double(SynthWindow[256 + m]) * ring[(o + 32 + 64 * m) & 511];
-        else sum += k < 16 ? a * w[2 * m] : a * w[15 - 2 * m], sum += k < 16 ? -(b * w[2 * m + 1]) : b * w[14 - 2 * m];
+        if (k == 16)
+            sum += double(SynthWindow[256 + m]) * ring[(o + 32 + 64 * m) & 511];
+        else
+            sum += k < 16 ? a * w[2 * m] : a * w[15 - 2 * m],
+                sum += k < 16 ? -(b * w[2 * m + 1]) : b * w[14 - 2 * m];
     }
     return sum;
 }
@@ -425,12 +553,18 @@ TEST(SynthPcm, WindowSumsTruncateTowardZeroAndClip) {
                 SynthWindowToPcm(ring, o, pcm, stride);
                 for (int k = 0; k < 32; ++k) {
                     const double sum = WindowSum(ring, o, k);
-                    clipped += std::fabs(sum) > 32768, negativeFractions += sum < 0 && sum > -32768 && sum != std::floor(sum);
+                    clipped += std::fabs(sum) > 32768,
+                        negativeFractions += sum < 0 && sum > -32768 && sum != std::floor(sum);
                     const uint8_t* at = pcm + 2 * stride * k;
-                    ASSERT_EQ(int16_t(at[0] | at[1] << 8), int(std::max(-32768.0, std::min(32767.0, std::trunc(sum))))) << sum << " at " << k;
-                    ASSERT_TRUE(stride == 1 || (at[2] == 0xEE && at[3] == 0xEE)) << "the other channel's sample " << k;
+                    ASSERT_EQ(int16_t(at[0] | at[1] << 8),
+                              int(std::max(-32768.0, std::min(32767.0, std::trunc(sum)))))
+                        << sum << " at " << k;
+                    ASSERT_TRUE(stride == 1 || (at[2] == 0xEE && at[3] == 0xEE))
+                        << "the other channel's sample " << k;
                 }
-                ASSERT_TRUE(std::all_of(pcm + 64 * stride, pcm + 160, [](uint8_t b) { return b == 0xEE; })) << "past the slot, stride " << stride;
+                ASSERT_TRUE(
+                    std::all_of(pcm + 64 * stride, pcm + 160, [](uint8_t b) { return b == 0xEE; }))
+                    << "past the slot, stride " << stride;
             }
     }
     EXPECT_TRUE(clipped > 100 && negativeFractions > 100) << clipped << " " << negativeFractions;

@@ -11,11 +11,15 @@ namespace {
 
 std::atomic<bool> g_throw{false};
 
-FILE* Stream(FileMapHandle handle) { return reinterpret_cast<FILE*>(handle); }
+FILE* Stream(FileMapHandle handle) {
+    return reinterpret_cast<FILE*>(handle);
+}
 
 }  // namespace
 
-void fake_files::ThrowAtNextView() { g_throw = true; }
+void fake_files::ThrowAtNextView() {
+    g_throw = true;
+}
 
 FileMapHandle FileMapOpenFile(const char* fileName, uint32_t* error) {
     FILE* file = std::fopen(fileName, "rb");
@@ -41,11 +45,14 @@ const uint8_t* FileMapMapView(FileMapHandle mapping, uint64_t size, uint32_t* er
     uint8_t* view = static_cast<uint8_t*>(std::malloc(size > 0 ? size : 1));
     FILE* file = Stream(mapping & ~FileMapHandle{1});
     std::fseek(file, 0, SEEK_SET);
-    *error = view != nullptr && std::fread(view, 1, size, file) == size ? 0 : 30;  // ERROR_READ_FAULT
+    *error =
+        view != nullptr && std::fread(view, 1, size, file) == size ? 0 : 30;  // ERROR_READ_FAULT
     return view;
 }
 
-void FileMapUnmapView(const uint8_t* view, uint64_t) { std::free(const_cast<uint8_t*>(view)); }
+void FileMapUnmapView(const uint8_t* view, uint64_t) {
+    std::free(const_cast<uint8_t*>(view));
+}
 
 void FileMapCloseHandle(FileMapHandle handle) {
     if ((handle & 1) == 0) std::fclose(Stream(handle));

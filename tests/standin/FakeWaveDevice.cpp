@@ -55,7 +55,9 @@ void Play(Device* device) {
     }
 }
 
-Device* Of(WaveDevice device) { return reinterpret_cast<Device*>(device); }
+Device* Of(WaveDevice device) {
+    return reinterpret_cast<Device*>(device);
+}
 
 }  // namespace
 
@@ -108,7 +110,9 @@ uint32_t WavePrepare(WaveDevice, WaveBuffer*) {
     return ++g_prepares == g_script.failPrepareAt ? fake_wave::kError : 0;
 }
 
-uint32_t WaveUnprepare(WaveDevice, WaveBuffer*) { return 0; }
+uint32_t WaveUnprepare(WaveDevice, WaveBuffer*) {
+    return 0;
+}
 
 uint32_t WaveWrite(WaveDevice device, WaveBuffer* buffer) {
     std::lock_guard<std::mutex> lock(g_mutex);
@@ -152,7 +156,9 @@ void* WaveAlloc(size_t size) {
     return std::calloc(1, size);
 }
 
-void WaveFree(void* block) { std::free(block); }
+void WaveFree(void* block) {
+    std::free(block);
+}
 
 WaveBuffer* WaveDoneBuffer(uintptr_t systemBuffer) {
     bool fault;

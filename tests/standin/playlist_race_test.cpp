@@ -27,7 +27,8 @@ protected:
         fake_wave::Reset(script);
         // A quarter of a second of 44.1 kHz stereo: about eleven buffers.
         const Bytes wav = Riff(FmtChunk() + Chunk("data", Bytes(44100, '\x11')));
-        for (const char* name : {"a.wav", "b.wav", "c.wav"}) ASSERT_TRUE(WriteFile(folder.Path(name), wav));
+        for (const char* name : {"a.wav", "b.wav", "c.wav"})
+            ASSERT_TRUE(WriteFile(folder.Path(name), wav));
     }
     void TearDown() override { EXPECT_EQ(fake_wave::OpenDevices(), 0); }
 
@@ -42,7 +43,8 @@ protected:
 
     // Every play thread ends, and the list is empty, once nothing loops any more.
     void ExpectAllEnded(CSoundFilePlayer& player) {
-        EXPECT_EQ(player.WaitForPlayThreads(20000), 1) << player.LivePlayThreads() << " threads left";
+        EXPECT_EQ(player.WaitForPlayThreads(20000), 1)
+            << player.LivePlayThreads() << " threads left";
         EXPECT_EQ(player.PlayingCount(), 0);
     }
 
@@ -61,10 +63,18 @@ TEST_F(PlaylistRace, MixedTrafficFromTheMainThreadAgainstPlayThreads) {
             case 1:
                 player.Play(AnyClient(), AnyName().c_str(), random() % 2, random() % 2 ? 7 : 0);
                 break;
-            case 2: player.StopFile(AnyClient(), AnyName(true).c_str()); break;
-            case 3: player.StopOtherFiles(AnyClient(), AnyName(true).c_str()); break;
-            case 4: player.StopClient(AnyClient()); break;
-            case 5: player.SetForegroundProcess(random() % 2 ? 7 : 0); break;
+            case 2:
+                player.StopFile(AnyClient(), AnyName(true).c_str());
+                break;
+            case 3:
+                player.StopOtherFiles(AnyClient(), AnyName(true).c_str());
+                break;
+            case 4:
+                player.StopClient(AnyClient());
+                break;
+            case 5:
+                player.SetForegroundProcess(random() % 2 ? 7 : 0);
+                break;
         }
     }
     // A stop does not reach a play still opening, which then loops until a later one: stop

@@ -21,7 +21,8 @@ void ExpectFaultCaught(const Bytes& bytes, const std::string& where) {
     LogCapture log;
     fake_files::ThrowAtNextView();
     EXPECT_EQ(reader.Open(path.c_str()), 0);
-    EXPECT_EQ(log.Messages(), std::vector<std::string>{"[" + where + "]file(" + path + "),exception occurs"});
+    EXPECT_EQ(log.Messages(),
+              std::vector<std::string>{"[" + where + "]file(" + path + "),exception occurs"});
     EXPECT_EQ(reader.pView, nullptr);
     EXPECT_STREQ(reader.szFileName, "");
     EXPECT_EQ(reader.Open(path.c_str()), 1);

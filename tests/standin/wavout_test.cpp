@@ -32,7 +32,12 @@ protected:
 };
 
 TEST_F(WavOutTest, OpenAppliesTheDefaultsAndRefusesFormatsWithoutBytesPerSecond) {
-    struct Case { WavOutParams params; int opened; uint32_t sleepMs; const char* logged; };
+    struct Case {
+        WavOutParams params;
+        int opened;
+        uint32_t sleepMs;
+        const char* logged;
+    };
     const Case cases[] = {
         {Params(), 1, 92, nullptr},
         {Params(1, 22050), 1, 371, nullptr},
@@ -60,7 +65,10 @@ TEST_F(WavOutTest, OpenAppliesTheDefaultsAndRefusesFormatsWithoutBytesPerSecond)
 // Each failure of an open is logged once, leaves nothing allocated (the leak check of the ASan
 // build sees it) and no device open, and the object opens again afterwards.
 TEST_F(WavOutTest, EachOpenFailureIsLoggedAndTheObjectStaysReusable) {
-    struct Case { fake_wave::Script script; const char* logged; };
+    struct Case {
+        fake_wave::Script script;
+        const char* logged;
+    };
     fake_wave::Script refuse, header, fifthBlock, prepare;
     refuse.refuseOpen = true;
     header.failAllocAt = 1;
@@ -142,7 +150,8 @@ TEST_F(WavOutTest, StopEndsTheWriterAndWaitsForTheQueuedSound) {
     ASSERT_EQ(out.Open(params), 1);
     std::string data(4096 * 40, 'x');
     int written = -1;
-    std::thread writer([&] { written = out.Write(data.data(), static_cast<int32_t>(data.size())); });
+    std::thread writer(
+        [&] { written = out.Write(data.data(), static_cast<int32_t>(data.size())); });
     std::this_thread::sleep_for(std::chrono::milliseconds(50));
     out.Stop();
     EXPECT_EQ(fake_wave::Pending(), 0);
@@ -169,11 +178,14 @@ TEST_F(WavOutTest, SilentDeviceIsGivenUpAndLeftOpenWhenItsCloseHangs) {
     EXPECT_EQ(out->GivenUp(), 1);
     out->WaitForBuffers();
     out.reset();
-    EXPECT_EQ(log.Messages(), (Lines{"[player/pub/WavOut:*]wait for a free buffer timed out",
-                                     "[player/pub/WavOut:*]device left open: close did not return within 1000 ms"}));
+    EXPECT_EQ(
+        log.Messages(),
+        (Lines{"[player/pub/WavOut:*]wait for a free buffer timed out",
+               "[player/pub/WavOut:*]device left open: close did not return within 1000 ms"}));
     EXPECT_EQ(CWavOut::OpenDevices(), 1);
     fake_wave::Release();
-    for (int i = 0; i < 200 && CWavOut::OpenDevices() > 0; ++i) std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    for (int i = 0; i < 200 && CWavOut::OpenDevices() > 0; ++i)
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
     EXPECT_EQ(CWavOut::OpenDevices(), 0);
 }
 

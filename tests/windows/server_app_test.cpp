@@ -21,7 +21,9 @@ std::vector<std::string> g_events;
 
 class ProbeWnd : public CFrameWnd {
 public:
-    ~ProbeWnd() override { g_events.push_back(m_bAfterDestroy ? "deleted after handler" : "deleted"); }
+    ~ProbeWnd() override {
+        g_events.push_back(m_bAfterDestroy ? "deleted after handler" : "deleted");
+    }
 
     bool m_bAfterDestroy = false;
 
@@ -50,10 +52,10 @@ protected:
 };
 
 BEGIN_MESSAGE_MAP(ProbeWnd, CFrameWnd)
-    ON_WM_CREATE()
-    ON_WM_TIMER()
-    ON_MESSAGE(WM_GETTEXTLENGTH, OnGetTextLength)
-    ON_MESSAGE(WM_NULL, OnNull)
+ON_WM_CREATE()
+ON_WM_TIMER()
+ON_MESSAGE(WM_GETTEXTLENGTH, OnGetTextLength)
+ON_MESSAGE(WM_NULL, OnNull)
 END_MESSAGE_MAP()
 
 ProbeWnd* MakeProbe(const char* title) {
@@ -97,8 +99,7 @@ TEST(Framework, DestroyingTheMainWindowEndsTheMessageLoop) {
     CWinApp* app = AfxGetApp();
     ASSERT_EQ(app, &g_app);
     MSG msg;
-    while (PeekMessageA(&msg, nullptr, WM_QUIT, WM_QUIT, PM_REMOVE)) {
-    }
+    while (PeekMessageA(&msg, nullptr, WM_QUIT, WM_QUIT, PM_REMOVE)) {}
 
     ProbeWnd* other = MakeProbe("not the main window");
     ASSERT_NE(other, nullptr);

@@ -17,7 +17,9 @@ inline void CMP3Decoder::SetBitPos(const uint8_t* p) {
     BitCount = 0;
 }
 
-inline void CMP3Decoder::SetBitLimit(const uint8_t* p) { LimitPtr = p; }
+inline void CMP3Decoder::SetBitLimit(const uint8_t* p) {
+    LimitPtr = p;
+}
 
 // Loads bytes while at most 24 bits are held. A condition that holds with more than 24 bits
 // held loads nothing; with the widths the decoder asks for (at most 25 bits) the test is folded
@@ -31,10 +33,8 @@ inline void CMP3Decoder::RefillBits() {
 
 // n from 0 to 25; GetBits(0) returns 0 and changes nothing.
 inline uint32_t CMP3Decoder::GetBits(int32_t n) {
-    if (n == 0)
-        return 0;
-    if (BitCount < n)
-        RefillBits();
+    if (n == 0) return 0;
+    if (BitCount < n) RefillBits();
     BitCount -= n;
     const uint32_t value = BitBuffer >> BitCount;
     BitBuffer -= value << BitCount;
@@ -42,8 +42,7 @@ inline uint32_t CMP3Decoder::GetBits(int32_t n) {
 }
 
 inline uint32_t CMP3Decoder::GetLinbits(int32_t n) {
-    if (BitCount < n + 2)
-        RefillBits();
+    if (BitCount < n + 2) RefillBits();
     BitCount -= n;
     const uint32_t value = BitBuffer >> BitCount;
     BitBuffer -= value << BitCount;
@@ -51,13 +50,11 @@ inline uint32_t CMP3Decoder::GetLinbits(int32_t n) {
 }
 
 inline void CMP3Decoder::FillBits(int32_t n) {
-    if (BitCount < n)
-        RefillBits();
+    if (BitCount < n) RefillBits();
 }
 
 inline uint32_t CMP3Decoder::PeekBitsFill(int32_t n) {
-    if (BitCount < 11)
-        RefillBits();
+    if (BitCount < 11) RefillBits();
     return BitBuffer >> (BitCount - n);
 }
 
@@ -68,7 +65,9 @@ inline uint32_t CMP3Decoder::TakeBits(int32_t n) {
     return value;
 }
 
-inline uint32_t CMP3Decoder::PeekBits(int32_t n) const { return BitBuffer >> (BitCount - n); }
+inline uint32_t CMP3Decoder::PeekBits(int32_t n) const {
+    return BitBuffer >> (BitCount - n);
+}
 
 inline uint32_t CMP3Decoder::GetBit() {
     --BitCount;

@@ -14,12 +14,9 @@ const int32_t SlenTable[16][2] = {
 };
 
 const int32_t SfbCountTable[6][3][4] = {
-    {{6, 5, 5, 5}, {3, 3, 3, 3}, {6, 3, 3, 3}},
-    {{6, 5, 7, 3}, {3, 3, 4, 2}, {6, 3, 4, 2}},
-    {{11, 10, 0, 0}, {6, 6, 0, 0}, {6, 3, 6, 0}},
-    {{7, 7, 7, 0}, {4, 4, 4, 0}, {6, 5, 4, 0}},
-    {{6, 6, 6, 3}, {4, 3, 3, 2}, {6, 4, 3, 2}},
-    {{8, 8, 5, 0}, {5, 4, 3, 0}, {6, 6, 3, 0}},
+    {{6, 5, 5, 5}, {3, 3, 3, 3}, {6, 3, 3, 3}},   {{6, 5, 7, 3}, {3, 3, 4, 2}, {6, 3, 4, 2}},
+    {{11, 10, 0, 0}, {6, 6, 0, 0}, {6, 3, 6, 0}}, {{7, 7, 7, 0}, {4, 4, 4, 0}, {6, 5, 4, 0}},
+    {{6, 6, 6, 3}, {4, 3, 3, 2}, {6, 4, 3, 2}},   {{8, 8, 5, 0}, {5, 4, 3, 0}, {6, 6, 3, 0}},
 };
 
 const int32_t PretabTable[2][22] = {
@@ -37,7 +34,8 @@ FactorPair IntensityTable2[2][2][64];
 
 namespace {
 
-const double kAliasCoefficients[8] = {-0.6, -0.535, -0.33, -0.185, -0.095, -0.041, -0.0142, -0.0037};
+const double kAliasCoefficients[8] = {-0.6,   -0.535, -0.33,   -0.185,
+                                      -0.095, -0.041, -0.0142, -0.0037};
 
 void InitGainTables() {
     for (int i = 0; i < 262; ++i)
@@ -50,8 +48,7 @@ void InitGainTables() {
         const double x = i - 32;
         Pow43Table[i] = static_cast<float>(std::pow(std::fabs(x), 1.0 / 3.0) * x);
     }
-    for (int k = 0; k < 8; ++k)
-        SubblockGainTable[k] = static_cast<float>(std::pow(2.0, -2.0 * k));
+    for (int k = 0; k < 8; ++k) SubblockGainTable[k] = static_cast<float>(std::pow(2.0, -2.0 * k));
 }
 
 void InitAliasTable() {

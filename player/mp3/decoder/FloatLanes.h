@@ -14,23 +14,19 @@ struct FloatLanes {
     FloatLanes(float c) : v(_mm_set1_ps(c)) {}
 };
 
-inline FloatLanes operator+(FloatLanes a, FloatLanes b)
-{
+inline FloatLanes operator+(FloatLanes a, FloatLanes b) {
     return FloatLanes(_mm_add_ps(a.v, b.v));
 }
 
-inline FloatLanes operator-(FloatLanes a, FloatLanes b)
-{
+inline FloatLanes operator-(FloatLanes a, FloatLanes b) {
     return FloatLanes(_mm_sub_ps(a.v, b.v));
 }
 
-inline FloatLanes operator*(FloatLanes a, FloatLanes b)
-{
+inline FloatLanes operator*(FloatLanes a, FloatLanes b) {
     return FloatLanes(_mm_mul_ps(a.v, b.v));
 }
 
 // Transposes a 4 x 4 block: rows r[0..3] become columns.
-inline void TransposeLanes(__m128& r0, __m128& r1, __m128& r2, __m128& r3)
-{
+inline void TransposeLanes(__m128& r0, __m128& r1, __m128& r2, __m128& r3) {
     _MM_TRANSPOSE4_PS(r0, r1, r2, r3);
 }

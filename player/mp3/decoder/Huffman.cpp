@@ -23,8 +23,8 @@ void CMP3Decoder::DecodeHuffman(uint32_t gr, uint32_t ch, int32_t skip) {
     DecodeBigValues(s + r2, bigEnd - r2, g.table_select[2]);
 
     const int32_t bitsLeft = static_cast<int32_t>(g.part2_3_length) + skip - BitsUsed();
-    const int32_t count = bigEnd + DecodeCount1(s + bigEnd, LineLimit - bigEnd, bitsLeft,
-                                                g.count1table_select);
+    const int32_t count =
+        bigEnd + DecodeCount1(s + bigEnd, LineLimit - bigEnd, bitsLeft, g.count1table_select);
     LineCount[gr][ch] = count;
 
     const int32_t limit = g.block_type == 2 ? ShortLineLimit : LongLineLimit;
@@ -37,8 +37,7 @@ void CMP3Decoder::DecodeHuffman(uint32_t gr, uint32_t ch, int32_t skip) {
 }
 
 void CMP3Decoder::DecodeBigValues(float* out, int32_t n, uint32_t table) {
-    if (n < 1)
-        return;
+    if (n < 1) return;
     const int32_t pairs = n >> 1;
     const HuffmanTableInfo& info = HuffmanTables[table & 31];
     const uint32_t* codes = info.codes;
@@ -56,14 +55,11 @@ void CMP3Decoder::DecodeBigValues(float* out, int32_t n, uint32_t table) {
             SkipBits(static_cast<int32_t>(e >> 24));
             int32_t x = static_cast<int32_t>((e >> 8) & 0xFF);
             int32_t y = static_cast<int32_t>((e >> 16) & 0xFF);
-            if (x && GetBit())
-                x = -x;
-            if (y && GetBit())
-                y = -y;
+            if (x && GetBit()) x = -x;
+            if (y && GetBit()) y = -y;
             StoreSlotInt(out + 2 * i, x);
             StoreSlotInt(out + 2 * i + 1, y);
-            if (Overran())
-                return;
+            if (Overran()) return;
         }
         return;
     }
@@ -89,24 +85,17 @@ void CMP3Decoder::DecodeBigValues(float* out, int32_t n, uint32_t table) {
         int32_t x = static_cast<int32_t>((e >> 8) & 0xFF);
         int32_t y = static_cast<int32_t>((e >> 16) & 0xFF);
         if (escapes) {
-            if (x == 15)
-                x += static_cast<int32_t>(GetLinbits(linbits));
-            if (x && GetBit())
-                x = -x;
-            if (y == 15)
-                y += static_cast<int32_t>(GetLinbits(linbits));
-            if (y && GetBit())
-                y = -y;
+            if (x == 15) x += static_cast<int32_t>(GetLinbits(linbits));
+            if (x && GetBit()) x = -x;
+            if (y == 15) y += static_cast<int32_t>(GetLinbits(linbits));
+            if (y && GetBit()) y = -y;
         } else {
-            if (x && GetBit())
-                x = -x;
-            if (y && GetBit())
-                y = -y;
+            if (x && GetBit()) x = -x;
+            if (y && GetBit()) y = -y;
         }
         StoreSlotInt(out + 2 * i, x);
         StoreSlotInt(out + 2 * i + 1, y);
-        if (Overran())
-            return;
+        if (Overran()) return;
     }
 }
 
@@ -118,16 +107,14 @@ int32_t CMP3Decoder::DecodeCount1(float* out, int32_t n, int32_t bitsLeft, uint3
     while (q < quads) {
         uint32_t value;
         if (select == 0) {
-            if (bitsLeft <= 0)
-                break;
+            if (bitsLeft <= 0) break;
             FillBits(10);
             const Count1Entry entry = Count1TableA[PeekBits(6)];
             bitsLeft -= entry.length;
             SkipBits(entry.length);
             value = entry.value;
         } else {
-            if (bitsLeft < 4)
-                break;
+            if (bitsLeft < 4) break;
             bitsLeft -= 4;
             FillBits(8);
             value = TakeBits(4) ^ 15;
@@ -140,19 +127,16 @@ int32_t CMP3Decoder::DecodeCount1(float* out, int32_t n, int32_t bitsLeft, uint3
         for (int k = 0; k < 4; ++k) {
             int32_t v = static_cast<int32_t>((value >> (3 - k)) & 1);
             if (v) {
-                if (GetBit())
-                    v = -1;
+                if (GetBit()) v = -1;
                 --bitsLeft;
             }
             StoreSlotInt(o + k, v);
         }
         ++q;
-        if (Overran())
-            break;
+        if (Overran()) break;
     }
     // The last quadruple's sign bits ran past the channel's data: it was never really there.
-    if (bitsLeft < 0 && q > 0)
-        std::memset(out + 4 * (q - 1), 0, sizeof(float) * 4);
+    if (bitsLeft < 0 && q > 0) std::memset(out + 4 * (q - 1), 0, sizeof(float) * 4);
     // A last non-zero quadruple of (v, w, 0, 0) ends two lines in.
     return (lastValue & 3) ? 4 * last + 4 : 4 * last + 2;
 }

@@ -18,8 +18,7 @@ namespace {
 
 constexpr int32_t kSlots = 18;
 
-int32_t SubbandsFor(int32_t lines)
-{
+int32_t SubbandsFor(int32_t lines) {
     return (lines + 17) / 18;
 }
 
@@ -27,8 +26,7 @@ int32_t SubbandsFor(int32_t lines)
 // odd outputs from the folded differences v[5..8]. Row 0 of the cosines is all 1, row 6 and
 // the centre term take the values 1/2 and -1, row 3 has two zero coefficients.
 template <class V>
-inline void NinePointCosines(const V v[9], V r[9])
-{
+inline void NinePointCosines(const V v[9], V r[9]) {
     const float(*Q)[4] = ImdctCosines;
     r[0] = V(0.5f) * (v[0] + v[1] + v[2] + v[3] + v[4]);
     r[1] = V(Q[1][0]) * v[5] + V(Q[1][1]) * v[6] + V(Q[1][2]) * v[7] + V(Q[1][3]) * v[8];
@@ -42,8 +40,7 @@ inline void NinePointCosines(const V v[9], V r[9])
 }
 
 template <class V>
-inline void Imdct36(V f[18])
-{
+inline void Imdct36(V f[18]) {
     const float* T = ImdctPreTwiddle;
     const float* U = ImdctPostTwiddle;
 
@@ -86,16 +83,14 @@ inline void Imdct36(V f[18])
 }
 
 template <class V>
-inline void Imdct12x3(V f[18])
-{
+inline void Imdct12x3(V f[18]) {
     const float* S = ShortPreTwiddle;
     const float* W = ShortPostTwiddle;
     const V K(ShortCos);
 
     // All three windows' inputs are interleaved over the 18 values; read them before writing.
     V in[18];
-    for (int i = 0; i < 18; ++i)
-        in[i] = f[i];
+    for (int i = 0; i < 18; ++i) in[i] = f[i];
 
     for (int w = 0; w < 3; ++w) {
         const V x0 = V(S[0]) * in[w];
@@ -131,8 +126,7 @@ inline void Imdct12x3(V f[18])
 // Long block: the 36-point result in f (as Imdct36 leaves it) windowed by bw; the first half
 // plus the previous tail goes to the 18 slots, the second half stays in f as the next overlap.
 template <class V>
-inline void WindowLong(V f[18], const V prev[18], V slots[18], const float* bw)
-{
+inline void WindowLong(V f[18], const V prev[18], V slots[18], const float* bw) {
     for (int j = 0; j < 9; ++j) {
         slots[j] = prev[j] + V(bw[j]) * f[9 + j];
         slots[9 + j] = prev[9 + j] + V(bw[9 + j]) * f[17 - j];
@@ -153,12 +147,10 @@ inline void WindowLong(V f[18], const V prev[18], V slots[18], const float* bw)
 // Short block: the three windows in f (as Imdct12x3 leaves them) overlapped at positions 6, 12
 // and 18 of the 36-value block. Slots 0..5 hold only the previous tail.
 template <class V>
-inline void WindowShort(V f[18], const V prev[18], V slots[18])
-{
+inline void WindowShort(V f[18], const V prev[18], V slots[18]) {
     const float* w2 = BlockWindows[2];
     V t[18];
-    for (int i = 0; i < 18; ++i)
-        t[i] = f[i];
+    for (int i = 0; i < 18; ++i) t[i] = f[i];
     for (int j = 0; j < 3; ++j) {
         slots[j] = prev[j];
         slots[3 + j] = prev[3 + j];
@@ -178,8 +170,7 @@ inline void WindowShort(V f[18], const V prev[18], V slots[18])
 }
 
 // 18 values of each of four consecutive subbands (rows 18 apart) to 18 lane vectors, and back.
-void LoadColumns(const float* rows, FloatLanes v[18])
-{
+void LoadColumns(const float* rows, FloatLanes v[18]) {
     for (int k = 0; k < 16; k += 4) {
         __m128 r0 = _mm_loadu_ps(rows + k);
         __m128 r1 = _mm_loadu_ps(rows + 18 + k);
@@ -192,16 +183,17 @@ void LoadColumns(const float* rows, FloatLanes v[18])
         v[k + 3] = FloatLanes(r3);
     }
     // Values 16 and 17 of rows 0/1 and 2/3: (a16, b16, a17, b17), (c16, d16, c17, d17).
-    const __m128 ab = _mm_unpacklo_ps(_mm_loadl_pi(_mm_setzero_ps(), reinterpret_cast<const __m64*>(rows + 16)),
-                                      _mm_loadl_pi(_mm_setzero_ps(), reinterpret_cast<const __m64*>(rows + 34)));
-    const __m128 cd = _mm_unpacklo_ps(_mm_loadl_pi(_mm_setzero_ps(), reinterpret_cast<const __m64*>(rows + 52)),
-                                      _mm_loadl_pi(_mm_setzero_ps(), reinterpret_cast<const __m64*>(rows + 70)));
+    const __m128 ab =
+        _mm_unpacklo_ps(_mm_loadl_pi(_mm_setzero_ps(), reinterpret_cast<const __m64*>(rows + 16)),
+                        _mm_loadl_pi(_mm_setzero_ps(), reinterpret_cast<const __m64*>(rows + 34)));
+    const __m128 cd =
+        _mm_unpacklo_ps(_mm_loadl_pi(_mm_setzero_ps(), reinterpret_cast<const __m64*>(rows + 52)),
+                        _mm_loadl_pi(_mm_setzero_ps(), reinterpret_cast<const __m64*>(rows + 70)));
     v[16] = FloatLanes(_mm_movelh_ps(ab, cd));
     v[17] = FloatLanes(_mm_movehl_ps(cd, ab));
 }
 
-void StoreColumns(const FloatLanes v[18], float* rows)
-{
+void StoreColumns(const FloatLanes v[18], float* rows) {
     for (int k = 0; k < 16; k += 4) {
         __m128 r0 = v[k].v;
         __m128 r1 = v[k + 1].v;
@@ -227,8 +219,7 @@ enum class Block { Long, Short };
 // Subbands [sb, end) of one phase: four at a time while four remain, then one at a time.
 template <Block kind>
 int32_t TransformRange(float* x, const float* prev, float out[18][32], int32_t sb, int32_t end,
-                       const float* bw)
-{
+                       const float* bw) {
     for (; sb + 4 <= end; sb += 4) {
         FloatLanes f[18];
         FloatLanes p[18];
@@ -242,8 +233,7 @@ int32_t TransformRange(float* x, const float* prev, float out[18][32], int32_t s
             Imdct12x3(f);
             WindowShort(f, p, slots);
         }
-        for (int s = 0; s < kSlots; ++s)
-            _mm_storeu_ps(&out[s][sb], slots[s].v);
+        for (int s = 0; s < kSlots; ++s) _mm_storeu_ps(&out[s][sb], slots[s].v);
         StoreColumns(f, x + 18 * sb);
     }
     for (; sb < end; ++sb) {
@@ -256,27 +246,24 @@ int32_t TransformRange(float* x, const float* prev, float out[18][32], int32_t s
             Imdct12x3(f);
             WindowShort(f, prev + 18 * sb, slots);
         }
-        for (int s = 0; s < kSlots; ++s)
-            out[s][sb] = slots[s];
+        for (int s = 0; s < kSlots; ++s) out[s][sb] = slots[s];
     }
     return sb;
 }
 
 }  // namespace
 
-void InverseMdct36(float f[18])
-{
+void InverseMdct36(float f[18]) {
     Imdct36(f);
 }
 
-void InverseMdct12x3(float f[18])
-{
+void InverseMdct12x3(float f[18]) {
     Imdct12x3(f);
 }
 
 int32_t HybridTransform(float* x, const float* prev, float out[18][32], int32_t blockType,
-                        int32_t longLines, int32_t totalLines, int32_t prevLines, int32_t limitLines)
-{
+                        int32_t longLines, int32_t totalLines, int32_t prevLines,
+                        int32_t limitLines) {
     // The long part of a mixed block uses the normal window.
     const float* bw = BlockWindows[blockType == 2 ? 0 : (blockType & 3)];
 
@@ -286,20 +273,17 @@ int32_t HybridTransform(float* x, const float* prev, float out[18][32], int32_t 
     // The previous granule reached higher: its tail still has to be heard.
     const int32_t prevEnd = SubbandsFor(prevLines);
     for (; sb < prevEnd; ++sb) {
-        for (int s = 0; s < kSlots; ++s)
-            out[s][sb] = prev[18 * sb + s];
+        for (int s = 0; s < kSlots; ++s) out[s][sb] = prev[18 * sb + s];
     }
     const int32_t produced = 18 * sb;
     const int32_t limitEnd = SubbandsFor(limitLines);
     for (; sb < limitEnd; ++sb) {
-        for (int s = 0; s < kSlots; ++s)
-            out[s][sb] = 0.0f;
+        for (int s = 0; s < kSlots; ++s) out[s][sb] = 0.0f;
     }
     return produced;
 }
 
-void InvertOddSubbands(float out[18][32], int32_t lines)
-{
+void InvertOddSubbands(float out[18][32], int32_t lines) {
     const int32_t n = SubbandsFor(lines);
     // Sign flips of the odd lanes, four subbands at a time, then the odd subbands left over.
     const __m128 oddSigns = _mm_castsi128_ps(_mm_set_epi32(INT32_MIN, 0, INT32_MIN, 0));
@@ -307,7 +291,6 @@ void InvertOddSubbands(float out[18][32], int32_t lines)
     for (int s = 1; s < kSlots; s += 2) {
         for (int32_t sb = 0; sb < whole; sb += 4)
             _mm_storeu_ps(&out[s][sb], _mm_xor_ps(_mm_loadu_ps(&out[s][sb]), oddSigns));
-        for (int32_t sb = whole + 1; sb < n; sb += 2)
-            out[s][sb] = -out[s][sb];
+        for (int32_t sb = whole + 1; sb < n; sb += 2) out[s][sb] = -out[s][sb];
     }
 }

@@ -8,7 +8,8 @@
 // granule); prev: the previous granule's overlap; out: HybridOut[slot][subband].
 // Returns 18 x the number of subbands produced.
 int32_t HybridTransform(float* x, const float* prev, float out[18][32], int32_t blockType,
-                        int32_t longLines, int32_t totalLines, int32_t prevLines, int32_t limitLines);
+                        int32_t longLines, int32_t totalLines, int32_t prevLines,
+                        int32_t limitLines);
 
 // Negates every odd slot of every odd subband below ceil(lines / 18).
 void InvertOddSubbands(float out[18][32], int32_t lines);

@@ -19,17 +19,19 @@ constexpr int32_t kReservoirCompactAbove = 6692;
 // starts no later than the held end and is at most 36 bytes past it (look-ahead included)
 // before its overrun limit stops it. Valid streams never hold more than 8120 bytes.
 constexpr int32_t kMainDataGuard = 64;
-constexpr int32_t kMainDataFill = static_cast<int32_t>(sizeof(CMP3Decoder::MainData)) - kMainDataGuard;
+constexpr int32_t kMainDataFill =
+    static_cast<int32_t>(sizeof(CMP3Decoder::MainData)) - kMainDataGuard;
 
 int32_t SideInfoBytes(uint32_t version, int32_t channels) {
-    if (version == 1)
-        return channels == 1 ? 17 : 32;
+    if (version == 1) return channels == 1 ? 17 : 32;
     return channels == 1 ? 9 : 17;
 }
 
 }  // namespace
 
-CMP3Decoder::CMP3Decoder() { Reset(); }
+CMP3Decoder::CMP3Decoder() {
+    Reset();
+}
 
 CMP3Decoder::~CMP3Decoder() = default;
 
@@ -43,8 +45,7 @@ void CMP3Decoder::Reset() {
 }
 
 int CMP3Decoder::StartDecoder(const uint8_t* frame, int32_t available, MP3StreamInfo* info) {
-    if (!ReadStreamInfo(frame, available, info))
-        return 0;
+    if (!ReadStreamInfo(frame, available, info)) return 0;
     ResetSynthesis();
     InitLayer3(*info);
     return 1;
@@ -94,10 +95,8 @@ int CMP3Decoder::DecodeFrame(MP3FrameIO* io) {
         LastError = 5;
         return 0;
     }
-    if (!DecodeFrameHeader(io->inData, io))
-        return 0;
-    if (SampleRate <= 0)
-        return 0;  // never started: there is no stream rate to size the frame with
+    if (!DecodeFrameHeader(io->inData, io)) return 0;
+    if (SampleRate <= 0) return 0;  // never started: there is no stream rate to size the frame with
     io->bitrate = static_cast<uint32_t>(
         BitrateTable[3 * io->version + io->layer - 4][io->bitrateIndex] * 1000);
     FrameSize = FrameLength(*io, static_cast<int32_t>(io->bitrate));
@@ -111,8 +110,7 @@ int CMP3Decoder::DecodeFrame(MP3FrameIO* io) {
     return 1;
 }
 
-void CMP3Decoder::DecodeMainData(const MP3FrameHeader& header, const uint8_t* frame,
-                                 uint8_t* pcm) {
+void CMP3Decoder::DecodeMainData(const MP3FrameHeader& header, const uint8_t* frame, uint8_t* pcm) {
     if (header.mode == 1) {
         MsStereo = header.modeExtension >> 1;
         IntensityStereo = header.modeExtension & 1;
@@ -126,8 +124,7 @@ void CMP3Decoder::DecodeMainData(const MP3FrameHeader& header, const uint8_t* fr
     const int32_t n = FrameSize - sideBytes - crc - 4;
     // A frame too short for its own side information (only a damaged header sized with the
     // stream's rate) is skipped whole: nothing is read, appended or written.
-    if (n < 0)
-        return;
+    if (n < 0) return;
 
     // The side information is read from a zero-padded copy: the reader loads up to 3 bytes
     // past it, which a frame with almost no main data does not hold.
@@ -149,19 +146,16 @@ void CMP3Decoder::DecodeMainData(const MP3FrameHeader& header, const uint8_t* fr
     // such a frame is skipped without being appended.
     const bool fits = ReservoirBytes + n <= kMainDataFill;
     if (fits) {
-        std::memcpy(MainData + ReservoirBytes, frame + 4 + crc + sideBytes,
-                    static_cast<size_t>(n));
+        std::memcpy(MainData + ReservoirBytes, frame + 4 + crc + sideBytes, static_cast<size_t>(n));
         ReservoirBytes += n;
     }
     std::memset(MainData + ReservoirBytes, 0, kMainDataGuard);
 
     // A negative start: the frame refers back to bytes the reservoir never got.
-    if (!fits || ReservoirStart < 0)
-        return;
+    if (!fits || ReservoirStart < 0) return;
     // An MPEG-1 frame in a stream that started as MPEG-2/2.5 has two granules but the caller's
     // block has room for one: its main data is kept for later frames, its PCM is not made.
-    if (mpeg1 && OutFrameBytes < 2 * 576 * 2 * ChannelCount)
-        return;
+    if (mpeg1 && OutFrameBytes < 2 * 576 * 2 * ChannelCount) return;
 
     MainDataBitPos = ReservoirStart * 8;
     if (mpeg1) {
@@ -183,8 +177,7 @@ void CMP3Decoder::DecodeGranule(const MP3FrameHeader& header, uint8_t* pcm, uint
         const int32_t skip = MainDataBitPos & 7;
         const int32_t startByte = std::min(MainDataBitPos >> 3, ReservoirBytes);
         SetBitPos(MainData + startByte);
-        if (skip)
-            GetBits(skip);
+        if (skip) GetBits(skip);
         MainDataBitPos += static_cast<int32_t>(g.part2_3_length);
         const int32_t limitByte = std::min((MainDataBitPos + 39) >> 3, ReservoirBytes + 4);
         SetBitLimit(MainData + limitByte);
@@ -195,8 +188,7 @@ void CMP3Decoder::DecodeGranule(const MP3FrameHeader& header, uint8_t* pcm, uint
             ReadScaleFactorsMpeg2(gr, static_cast<uint32_t>(ch));
         DecodeHuffman(gr, static_cast<uint32_t>(ch), skip);
     }
-    for (int32_t ch = 0; ch < ChannelCount; ++ch)
-        Requantize(gr, static_cast<uint32_t>(ch));
+    for (int32_t ch = 0; ch < ChannelCount; ++ch) Requantize(gr, static_cast<uint32_t>(ch));
     ProcessStereo(header, gr);
     ReduceGranuleAliases(gr);
     if (ChannelCount == 1)

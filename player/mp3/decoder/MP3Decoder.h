@@ -42,12 +42,12 @@ struct ScaleFactorSet {
 
 // BandInfo entries.
 enum {
-    kBandHasShort = 0,   // 1 when the granule has a short part
-    kBandMax = 1,        // highest band holding a non-zero value
+    kBandHasShort = 0,  // 1 when the granule has a short part
+    kBandMax = 1,       // highest band holding a non-zero value
     kBandBlockType = 2,
-    kBandFirstShort = 3, // 12 long block, 0 short block, 3 mixed block
-    kBandLongCount = 4,  // long bands scanned: 22, 0 or MixedLongBands
-    kBandMaxShort = 5    // 5..7: per window, highest short band holding a non-zero value
+    kBandFirstShort = 3,  // 12 long block, 0 short block, 3 mixed block
+    kBandLongCount = 4,   // long bands scanned: 22, 0 or MixedLongBands
+    kBandMaxShort = 5     // 5..7: per window, highest short band holding a non-zero value
 };
 
 // IntensityInfo entries.

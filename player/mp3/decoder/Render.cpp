@@ -15,17 +15,13 @@ void TransformChannel(CMP3Decoder& d, uint32_t gr, int32_t ch) {
     const GranuleSideInfo& g = d.GranuleInfo[gr][ch];
     int32_t total = d.LineCount[gr][ch];
     int32_t longLines = total;
-    if (g.block_type == 2)
-        longLines = g.mixed_block_flag ? d.BandEnd[0][d.MixedLongBands - 1] : 0;
-    if (total > d.LineLimit)
-        total = d.LineLimit;
-    if (longLines > d.LineLimit)
-        longLines = d.LineLimit;
+    if (g.block_type == 2) longLines = g.mixed_block_flag ? d.BandEnd[0][d.MixedLongBands - 1] : 0;
+    if (total > d.LineLimit) total = d.LineLimit;
+    if (longLines > d.LineLimit) longLines = d.LineLimit;
     const uint32_t other = gr ^ 1;
-    const int32_t count =
-        HybridTransform(d.Spectrum[ch][gr], d.Spectrum[ch][other], d.HybridOut,
-                        static_cast<int32_t>(g.block_type), longLines, total,
-                        d.LineCount[other][ch], d.LineLimit);
+    const int32_t count = HybridTransform(d.Spectrum[ch][gr], d.Spectrum[ch][other], d.HybridOut,
+                                          static_cast<int32_t>(g.block_type), longLines, total,
+                                          d.LineCount[other][ch], d.LineLimit);
     d.LineCount[gr][ch] = count;
     InvertOddSubbands(d.HybridOut, count);
 }

@@ -12,8 +12,7 @@ namespace {
 // sign(q) x |q|^(4/3) x f. Small values come from the table; escapes, which are rare, are
 // computed directly so that any linbits value is handled.
 inline float Dequantize(int32_t q, float f) {
-    if (q >= -32 && q < 32)
-        return f * Pow43Table[q + 32];
+    if (q >= -32 && q < 32) return f * Pow43Table[q + 32];
     const double magnitude = std::fabs(static_cast<double>(q));
     return static_cast<float>(static_cast<double>(f) * std::cbrt(magnitude) * q);
 }
@@ -49,20 +48,16 @@ void CMP3Decoder::Requantize(uint32_t gr, uint32_t ch) {
         bool nonZero = false;
         for (; pos < end; ++pos) {
             const int32_t q = LoadSlotInt(s + pos);
-            if (q == 0)
-                continue;  // integer 0 and +0.0f share their bits
+            if (q == 0) continue;  // integer 0 and +0.0f share their bits
             s[pos] = Dequantize(q, f);
             nonZero = true;
         }
-        if (nonZero)
-            maxLong = sfb;
-        if (pos >= lineCount)
-            break;
+        if (nonZero) maxLong = sfb;
+        if (pos >= lineCount) break;
     }
     info[kBandMax] = maxLong;
     info[kBandHasShort] = 0;
-    if (firstShort == 12)
-        return;
+    if (firstShort == 12) return;
 
     const int32_t start = pos;
     float windowGain[3];
@@ -86,20 +81,16 @@ void CMP3Decoder::Requantize(uint32_t gr, uint32_t ch) {
                     nonZero = true;
                 }
             }
-            if (nonZero)
-                info[kBandMaxShort + w] = sfb;
+            if (nonZero) info[kBandMaxShort + w] = sfb;
         }
         b += 3 * width;
-        if (pos >= lineCount)
-            break;
+        if (pos >= lineCount) break;
     }
     std::memcpy(s + start, ReorderBuffer, sizeof(float) * (pos - start));
     LineCount[gr][ch] = pos;
     int32_t maxShort = info[kBandMaxShort];
-    if (info[kBandMaxShort + 1] > maxShort)
-        maxShort = info[kBandMaxShort + 1];
-    if (info[kBandMaxShort + 2] > maxShort)
-        maxShort = info[kBandMaxShort + 2];
+    if (info[kBandMaxShort + 1] > maxShort) maxShort = info[kBandMaxShort + 1];
+    if (info[kBandMaxShort + 2] > maxShort) maxShort = info[kBandMaxShort + 2];
     info[kBandMax] = maxShort;
     info[kBandHasShort] = 1;
 }

@@ -9,13 +9,11 @@ namespace {
 
 void ReadShortBands(CMP3Decoder& d, ScaleFactorSet& sf, int first, int end, int32_t slen) {
     for (int sfb = first; sfb < end; ++sfb)
-        for (int w = 0; w < 3; ++w)
-            sf.shortSf[w][sfb] = d.GetBits(slen);
+        for (int w = 0; w < 3; ++w) sf.shortSf[w][sfb] = d.GetBits(slen);
 }
 
 void ReadLongBands(CMP3Decoder& d, ScaleFactorSet& sf, int first, int end, int32_t slen) {
-    for (int sfb = first; sfb < end; ++sfb)
-        sf.longSf[sfb] = d.GetBits(slen);
+    for (int sfb = first; sfb < end; ++sfb) sf.longSf[sfb] = d.GetBits(slen);
 }
 
 }  // namespace

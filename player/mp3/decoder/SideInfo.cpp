@@ -19,8 +19,7 @@ void ReadGranule(CMP3Decoder& d, GranuleSideInfo& g, bool mpeg1) {
         g.mixed_block_flag = d.GetBits(1);
         g.table_select[0] = d.GetBits(5);
         g.table_select[1] = d.GetBits(5);
-        for (int w = 0; w < 3; ++w)
-            g.subblock_gain[w] = d.GetBits(3);
+        for (int w = 0; w < 3; ++w) g.subblock_gain[w] = d.GetBits(3);
         if (!mpeg1 && g.block_type == 2) {
             g.region0_count = 5;
             g.region1_count = 15;
@@ -31,8 +30,7 @@ void ReadGranule(CMP3Decoder& d, GranuleSideInfo& g, bool mpeg1) {
     } else {
         g.block_type = 0;
         g.mixed_block_flag = 0;
-        for (int r = 0; r < 3; ++r)
-            g.table_select[r] = d.GetBits(5);
+        for (int r = 0; r < 3; ++r) g.table_select[r] = d.GetBits(5);
         g.region0_count = d.GetBits(4);
         g.region1_count = d.GetBits(3);
     }
@@ -47,11 +45,9 @@ int32_t CMP3Decoder::ReadSideInfoMpeg1() {
     const bool mono = ChannelCount == 1;
     MainDataBegin = GetBits(9);
     PrivateBits = GetBits(mono ? 5 : 3);
-    for (int ch = 0; ch < ChannelCount; ++ch)
-        Scfsi[ch] = GetBits(4);
+    for (int ch = 0; ch < ChannelCount; ++ch) Scfsi[ch] = GetBits(4);
     for (int gr = 0; gr < 2; ++gr)
-        for (int ch = 0; ch < ChannelCount; ++ch)
-            ReadGranule(*this, GranuleInfo[gr][ch], true);
+        for (int ch = 0; ch < ChannelCount; ++ch) ReadGranule(*this, GranuleInfo[gr][ch], true);
     return mono ? 17 : 32;
 }
 
@@ -61,7 +57,6 @@ int32_t CMP3Decoder::ReadSideInfoMpeg2(uint32_t gr) {
     PrivateBits = GetBits(mono ? 1 : 2);
     Scfsi[0] = 0;
     Scfsi[1] = 0;
-    for (int ch = 0; ch < ChannelCount; ++ch)
-        ReadGranule(*this, GranuleInfo[gr & 1][ch], false);
+    for (int ch = 0; ch < ChannelCount; ++ch) ReadGranule(*this, GranuleInfo[gr & 1][ch], false);
     return mono ? 9 : 17;
 }

@@ -67,8 +67,7 @@ void CMP3Decoder::ProcessIntensityMpeg1(float* left, const ScaleFactorSet& sfR,
         for (int32_t sfb = maxR + 1; sfb <= 20; ++sfb) {
             const FactorPair k = factors(sfR.longSf[sfb]);
             for (int32_t i = 0; i < BandWidth[0][sfb]; ++i) {
-                if (linesLeft - 1 < 0)
-                    return;
+                if (linesLeft - 1 < 0) return;
                 --linesLeft;
                 right[pos] = k.b * left[pos];
                 left[pos] = k.a * left[pos];
@@ -79,11 +78,9 @@ void CMP3Decoder::ProcessIntensityMpeg1(float* left, const ScaleFactorSet& sfR,
     }
     for (int32_t sfb = maxR + 1; sfb <= 11; ++sfb) {
         FactorPair k[3];
-        for (int w = 0; w < 3; ++w)
-            k[w] = factors(sfR.shortSf[w][sfb]);
+        for (int w = 0; w < 3; ++w) k[w] = factors(sfR.shortSf[w][sfb]);
         for (int32_t i = 0; i < BandWidth[1][sfb]; ++i) {
-            if (linesLeft - 3 < 0)
-                return;
+            if (linesLeft - 3 < 0) return;
             linesLeft -= 3;
             for (int w = 0; w < 3; ++w) {
                 right[pos + w] = k[w].b * left[pos + w];
@@ -118,8 +115,7 @@ void CMP3Decoder::ProcessIntensityMpeg2(float* left, const ScaleFactorSet& sfR,
         for (int32_t sfb = maxR + 1; sfb <= 20; ++sfb) {
             const FactorPair k = factors(sfb, sfR.longSf[sfb]);
             for (int32_t i = 0; i < BandWidth[0][sfb]; ++i) {
-                if (linesLeft - 1 < 0)
-                    return;
+                if (linesLeft - 1 < 0) return;
                 --linesLeft;
                 right[pos] = k.b * left[pos];
                 left[pos] = k.a * left[pos];
@@ -160,12 +156,10 @@ void CMP3Decoder::ReduceAliases(float* x, int32_t nb) {
 
 void CMP3Decoder::ReduceGranuleAliases(uint32_t gr) {
     for (int32_t ch = 0; ch < ChannelCount; ++ch) {
-        if (BandInfo[gr][ch][kBandLongCount] == 0)
-            continue;  // pure short block
+        if (BandInfo[gr][ch][kBandLongCount] == 0) continue;  // pure short block
         // The mixed-block rule goes by the flag alone, whatever the block type.
         int32_t nb = 1;
-        if (!GranuleInfo[gr][ch].mixed_block_flag)
-            nb = std::min((LineCount[gr][ch] + 7) / 18, 31);
+        if (!GranuleInfo[gr][ch].mixed_block_flag) nb = std::min((LineCount[gr][ch] + 7) / 18, 31);
         ReduceAliases(Spectrum[ch][gr], nb);
         LineCount[gr][ch] = std::max(LineCount[gr][ch], 18 * nb + 8);
     }

@@ -17,13 +17,11 @@ float BlockWindows[4][36];
 
 namespace {
 
-double Pi()
-{
+double Pi() {
     return 4.0 * std::atan(1.0);
 }
 
-SynthWindowLaneTable BuildSynthWindowLanes()
-{
+SynthWindowLaneTable BuildSynthWindowLanes() {
     SynthWindowLaneTable t = {};
     for (int g = 0; g < 8; ++g) {
         const int r = 2 * g;
@@ -48,8 +46,7 @@ SynthWindowLaneTable BuildSynthWindowLanes()
 // runs, whatever the order of units.
 const SynthWindowLaneTable SynthWindowLanes = BuildSynthWindowLanes();
 
-void InitDctCoefficients()
-{
+void InitDctCoefficients() {
     // One group per block size M = 2n of the matrixing's split stages, largest first.
     const double pi = Pi();
     int k = 0;
@@ -59,8 +56,7 @@ void InitDctCoefficients()
     }
 }
 
-void InitImdctTables()
-{
+void InitImdctTables() {
     const double pi = Pi();
     for (int p = 0; p < 18; ++p)
         ImdctPreTwiddle[p] = static_cast<float>(2.0 * std::cos(pi * (2 * p + 1) / 72.0));
@@ -75,52 +71,38 @@ void InitImdctTables()
     for (int p = 0; p < 3; ++p)
         ShortPostTwiddle[p] = static_cast<float>(2.0 * std::cos(pi * (2 * p + 1) / 12.0));
     // The short transform wants the plain cosine on its inputs; halving a float is exact.
-    for (int p = 0; p < 6; ++p)
-        ShortPreTwiddle[p] *= 0.5f;
+    for (int p = 0; p < 6; ++p) ShortPreTwiddle[p] *= 0.5f;
     ShortCos = static_cast<float>(2.0 * std::cos(pi / 6.0));
 }
 
-void InitBlockWindows()
-{
+void InitBlockWindows() {
     const double pi = Pi();
     float(&normal)[36] = BlockWindows[0];
     float(&start)[36] = BlockWindows[1];
     float(&shortWin)[36] = BlockWindows[2];
     float(&stop)[36] = BlockWindows[3];
 
-    for (int i = 0; i < 36; ++i)
-        normal[i] = static_cast<float>(std::sin(pi / 36.0 * (i + 0.5)));
+    for (int i = 0; i < 36; ++i) normal[i] = static_cast<float>(std::sin(pi / 36.0 * (i + 0.5)));
 
-    for (int i = 0; i < 18; ++i)
-        start[i] = static_cast<float>(std::sin(pi / 36.0 * (i + 0.5)));
-    for (int i = 18; i < 24; ++i)
-        start[i] = 1.0f;
+    for (int i = 0; i < 18; ++i) start[i] = static_cast<float>(std::sin(pi / 36.0 * (i + 0.5)));
+    for (int i = 18; i < 24; ++i) start[i] = 1.0f;
     for (int i = 24; i < 30; ++i)
         start[i] = static_cast<float>(std::sin(pi / 12.0 * (i - 18 + 0.5)));
-    for (int i = 30; i < 36; ++i)
-        start[i] = 0.0f;
+    for (int i = 30; i < 36; ++i) start[i] = 0.0f;
 
-    for (int i = 0; i < 6; ++i)
-        stop[i] = 0.0f;
-    for (int i = 6; i < 12; ++i)
-        stop[i] = static_cast<float>(std::sin(pi / 12.0 * (i - 6 + 0.5)));
-    for (int i = 12; i < 18; ++i)
-        stop[i] = 1.0f;
-    for (int i = 18; i < 36; ++i)
-        stop[i] = static_cast<float>(std::sin(pi / 36.0 * (i + 0.5)));
+    for (int i = 0; i < 6; ++i) stop[i] = 0.0f;
+    for (int i = 6; i < 12; ++i) stop[i] = static_cast<float>(std::sin(pi / 12.0 * (i - 6 + 0.5)));
+    for (int i = 12; i < 18; ++i) stop[i] = 1.0f;
+    for (int i = 18; i < 36; ++i) stop[i] = static_cast<float>(std::sin(pi / 36.0 * (i + 0.5)));
 
-    for (int i = 0; i < 12; ++i)
-        shortWin[i] = static_cast<float>(std::sin(pi / 12.0 * (i + 0.5)));
-    for (int i = 12; i < 36; ++i)
-        shortWin[i] = 0.0f;
+    for (int i = 0; i < 12; ++i) shortWin[i] = static_cast<float>(std::sin(pi / 12.0 * (i + 0.5)));
+    for (int i = 12; i < 36; ++i) shortWin[i] = 0.0f;
 
     // The fast transforms deliver these stretches with the opposite sign; folding the sign
     // into the window costs nothing per sample.
     const int longRows[3] = {0, 1, 3};
     for (int b : longRows) {
-        for (int i = 9; i < 36; ++i)
-            BlockWindows[b][i] = -BlockWindows[b][i];
+        for (int i = 9; i < 36; ++i) BlockWindows[b][i] = -BlockWindows[b][i];
     }
-    for (int i = 3; i < 12; ++i)
-        shortWin[i] = -shortWin[i];
+    for (int i = 3; i < 12; ++i) shortWin[i] = -shortWin[i];
 }

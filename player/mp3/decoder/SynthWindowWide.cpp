@@ -39,8 +39,7 @@ struct WideWindowTable {
     alignas(32) double w[4][8][4][4];
 };
 
-WideWindowTable BuildWideWindow()
-{
+WideWindowTable BuildWideWindow() {
     WideWindowTable table = {};
     for (int q = 0; q < 4; ++q) {
         for (int m = 0; m < 8; ++m) {
@@ -72,8 +71,7 @@ struct WideSums {
 // (ring value a) and then the second (ring value b) of each sample. Each group's ring values are
 // converted just before use so that the eight sums stay in registers with room to spare.
 AVX_CODE inline void AddGroup(const float* pa, const float* pb, const double (*w)[4], __m256d& fwd,
-                              __m256d& bwd)
-{
+                              __m256d& bwd) {
     const __m256d a = _mm256_cvtps_pd(_mm_loadu_ps(pa));
     fwd = _mm256_add_pd(fwd, _mm256_mul_pd(a, _mm256_load_pd(w[0])));
     bwd = _mm256_add_pd(bwd, _mm256_mul_pd(a, _mm256_load_pd(w[2])));
@@ -88,8 +86,7 @@ AVX_CODE inline void AddGroup(const float* pa, const float* pb, const double (*w
 // product), base = o + 64m: sixteen consecutive floats on each side, each run inside one
 // aligned block of 32 because o is a multiple of 32, so masking its start keeps it whole.
 // The eight sums of the four groups are independent chains of additions.
-AVX_CODE inline void WindowWide(const float* ring, uint32_t offset, WideSums& sums)
-{
+AVX_CODE inline void WindowWide(const float* ring, uint32_t offset, WideSums& sums) {
     const uint32_t o = offset & kSlotMask;
     __m256d fwd0 = _mm256_setzero_pd(), fwd1 = _mm256_setzero_pd();
     __m256d fwd2 = _mm256_setzero_pd(), fwd3 = _mm256_setzero_pd();
@@ -125,27 +122,23 @@ AVX_CODE inline void WindowWide(const float* ring, uint32_t offset, WideSums& su
 // Truncates four sums toward zero into four int32 lanes, with the same clipping argument as
 // Truncate in Synthesis.cpp: bring values above 32767 down first, let the 16-bit packing clip
 // the rest (anything beyond the 32-bit range truncates to INT32_MIN).
-AVX_CODE inline __m128i TruncateWide(__m256d s)
-{
+AVX_CODE inline __m128i TruncateWide(__m256d s) {
     return _mm256_cvttpd_epi32(_mm256_min_pd(s, _mm256_set1_pd(32767.0)));
 }
 
-AVX_CODE inline __m128i ReverseWords(__m128i v)
-{
+AVX_CODE inline __m128i ReverseWords(__m128i v) {
     v = _mm_shufflelo_epi16(v, _MM_SHUFFLE(0, 1, 2, 3));
     v = _mm_shufflehi_epi16(v, _MM_SHUFFLE(0, 1, 2, 3));
     return _mm_shuffle_epi32(v, _MM_SHUFFLE(1, 0, 3, 2));
 }
 
-AVX_CODE inline void Store16(uint8_t* p, int v)
-{
+AVX_CODE inline void Store16(uint8_t* p, int v) {
     // Only x86 runs this code, and it stores 16-bit values little-endian like the PCM block.
     const uint16_t sample = static_cast<uint16_t>(v);
     std::memcpy(p, &sample, sizeof sample);
 }
 
-AVX_CODE inline void StoreEightStrided(__m128i v, uint8_t* p, size_t step)
-{
+AVX_CODE inline void StoreEightStrided(__m128i v, uint8_t* p, size_t step) {
     Store16(p, _mm_extract_epi16(v, 0));
     Store16(p + step, _mm_extract_epi16(v, 1));
     Store16(p + 2 * step, _mm_extract_epi16(v, 2));
@@ -157,8 +150,7 @@ AVX_CODE inline void StoreEightStrided(__m128i v, uint8_t* p, size_t step)
 }
 
 // The 32 samples of one slot in order 0..31, stride samples apart.
-AVX_CODE inline void StorePcmWide(const WideSums& sums, uint8_t* pcm, int32_t stride)
-{
+AVX_CODE inline void StorePcmWide(const WideSums& sums, uint8_t* pcm, int32_t stride) {
     const __m128i first = _mm_packs_epi32(TruncateWide(sums.fwd[0]), TruncateWide(sums.fwd[1]));
     const __m128i second = _mm_packs_epi32(TruncateWide(sums.fwd[2]), TruncateWide(sums.fwd[3]));
     // (32, 31, ..., 25) and (24, 23, ..., 17), turned around.
@@ -166,9 +158,9 @@ AVX_CODE inline void StorePcmWide(const WideSums& sums, uint8_t* pcm, int32_t st
         ReverseWords(_mm_packs_epi32(TruncateWide(sums.bwd[0]), TruncateWide(sums.bwd[1])));
     const __m128i upper =
         ReverseWords(_mm_packs_epi32(TruncateWide(sums.bwd[2]), TruncateWide(sums.bwd[3])));
-    const __m128i s16 = _mm_packs_epi32(
-        _mm_cvttpd_epi32(_mm_min_pd(_mm_set_sd(sums.s16), _mm_set1_pd(32767.0))),
-        _mm_setzero_si128());
+    const __m128i s16 =
+        _mm_packs_epi32(_mm_cvttpd_epi32(_mm_min_pd(_mm_set_sd(sums.s16), _mm_set1_pd(32767.0))),
+                        _mm_setzero_si128());
     // Shifting by one sample makes room for 16 and 24 in front and drops the missing 32.
     const __m128i third = _mm_insert_epi16(_mm_slli_si128(upper, 2), _mm_extract_epi16(s16, 0), 0);
     const __m128i fourth = _mm_insert_epi16(_mm_slli_si128(top, 2), _mm_extract_epi16(upper, 7), 0);
@@ -189,8 +181,7 @@ AVX_CODE inline void StorePcmWide(const WideSums& sums, uint8_t* pcm, int32_t st
 }  // namespace
 
 AVX_CODE void SynthWindowToPcmAvx(const float ring[512], uint32_t offset, uint8_t* pcm,
-                                  int32_t stride)
-{
+                                  int32_t stride) {
     WideSums sums;
     WindowWide(ring, offset, sums);
     StorePcmWide(sums, pcm, stride);

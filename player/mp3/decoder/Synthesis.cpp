@@ -34,8 +34,7 @@ constexpr uint32_t kSlotMask = 511 & ~31u;
 // One split stage of the matrixing on blocks of M: sums to the lower half of each block,
 // differences scaled by the stage's factors to the upper half.
 template <int M, class V>
-inline void SplitStage(const V* v, V* f, const float* factors)
-{
+inline void SplitStage(const V* v, V* f, const float* factors) {
     for (int blk = 0; blk < 32; blk += M) {
         for (int j = 0; j < M / 2; ++j) {
             const V lo = v[blk + j];
@@ -49,11 +48,9 @@ inline void SplitStage(const V* v, V* f, const float* factors)
 // One merge stage on blocks of M: the even half passes through to the even positions, each odd
 // output is the sum of two neighbouring odd-half values (the last one stands alone).
 template <int M, class V>
-inline void MergeStage(const V* v, V* f)
-{
+inline void MergeStage(const V* v, V* f) {
     for (int blk = 0; blk < 32; blk += M) {
-        for (int j = 0; j < M / 2; ++j)
-            f[blk + 2 * j] = v[blk + j];
+        for (int j = 0; j < M / 2; ++j) f[blk + 2 * j] = v[blk + j];
         for (int j = 0; j < M / 2 - 1; ++j)
             f[blk + 2 * j + 1] = v[blk + M / 2 + j] + v[blk + M / 2 + j + 1];
         f[blk + M - 1] = v[blk + M - 1];
@@ -63,8 +60,7 @@ inline void MergeStage(const V* v, V* f)
 // The unscaled 32-point DCT-II by splitting down to blocks of 2 and merging back up, on two
 // scratch arrays that take turns as input and output.
 template <class V>
-inline void Dct32(const V* x, V* u)
-{
+inline void Dct32(const V* x, V* u) {
     V a[32];
     V b[32];
     SplitStage<32>(x, a, DctCoefficients);
@@ -82,20 +78,15 @@ inline void Dct32(const V* x, V* u)
 
 // Matrixing of four consecutive slots, one after another: the float operations of each slot are
 // those of the four lanes of the SSE2 build.
-void SynthMatrix4(const float slots[][32], float u[4][32])
-{
-    for (int t = 0; t < 4; ++t)
-        Dct32(slots[t], u[t]);
+void SynthMatrix4(const float slots[][32], float u[4][32]) {
+    for (int t = 0; t < 4; ++t) Dct32(slots[t], u[t]);
 }
 
 // A sum truncated toward zero and clipped to 16 bits, as the SSE2 conversion does it: anything
 // not below 32767 (a NaN too) gives 32767, anything at or below -32768 gives -32768.
-inline int32_t ToSample(double sum)
-{
-    if (!(sum < 32767.0))
-        return 32767;
-    if (sum <= -32768.0)
-        return -32768;
+inline int32_t ToSample(double sum) {
+    if (!(sum < 32767.0)) return 32767;
+    if (sum <= -32768.0) return -32768;
     return static_cast<int32_t>(sum);
 }
 
@@ -103,8 +94,7 @@ inline int32_t ToSample(double sum)
 // subtracts its second, ring[o + 48 - i + 64m] x W[16i + 2m + 1]; sample 32 - i (i >= 1) adds
 // the same two ring values times W[16i + 15 - 2m] and W[16i + 14 - 2m]. A float times a float
 // is exact in double, so these sums are the SIMD builds' lanes bit for bit.
-void SynthWindowToPcmScalar(const float ring[512], uint32_t offset, uint8_t* pcm, int32_t stride)
-{
+void SynthWindowToPcmScalar(const float ring[512], uint32_t offset, uint8_t* pcm, int32_t stride) {
     const uint32_t o = offset & kSlotMask;
     double sums[32];
     for (uint32_t i = 0; i < 16; ++i) {
@@ -120,8 +110,7 @@ void SynthWindowToPcmScalar(const float ring[512], uint32_t offset, uint8_t* pcm
             bwd += b * w[14 - 2 * m];
         }
         sums[i] = fwd;
-        if (i != 0)
-            sums[32 - i] = bwd;
+        if (i != 0) sums[32 - i] = bwd;
     }
     // Sample 16 has its own eight entries and one product per m.
     double s16 = 0.0;
@@ -143,8 +132,7 @@ void SynthWindowToPcmScalar(const float ring[512], uint32_t offset, uint8_t* pcm
 
 // Matrixing of four consecutive slots at once, one per lane: the slots are transposed in,
 // transformed together and transposed out to u[slot][k].
-void SynthMatrix4(const float slots[][32], float u[4][32])
-{
+void SynthMatrix4(const float slots[][32], float u[4][32]) {
     FloatLanes x[32];
     for (int n = 0; n < 32; n += 4) {
         __m128 r0 = _mm_loadu_ps(&slots[0][n]);
@@ -189,8 +177,7 @@ struct WindowSums {
 // in flight. Their ring values are eight consecutive floats on each side, and a run of eight
 // never straddles the ring's end: o is a multiple of 32 and each run lies within one aligned
 // block of 32.
-inline void WindowHalf(const float* ring, uint32_t o, uint32_t r0, __m128d fwd[4], __m128d bwd[4])
-{
+inline void WindowHalf(const float* ring, uint32_t o, uint32_t r0, __m128d fwd[4], __m128d bwd[4]) {
     const double(*w0)[4][2] = SynthWindowLanes.w[r0 / 2];
     const double(*w1)[4][2] = SynthWindowLanes.w[r0 / 2 + 1];
     const double(*w2)[4][2] = SynthWindowLanes.w[r0 / 2 + 2];
@@ -247,8 +234,7 @@ inline void WindowHalf(const float* ring, uint32_t o, uint32_t r0, __m128d fwd[4
     bwd[3] = bwd3;
 }
 
-inline void Window(const float* ring, uint32_t offset, WindowSums& sums)
-{
+inline void Window(const float* ring, uint32_t offset, WindowSums& sums) {
     const uint32_t o = offset & kSlotMask;
     WindowHalf(ring, o, 0, sums.fwd, sums.bwd);
     WindowHalf(ring, o, 8, sums.fwd + 4, sums.bwd + 4);
@@ -265,35 +251,30 @@ inline void Window(const float* ring, uint32_t offset, WindowSums& sums)
 // brought down to it; values below -32768 truncate to themselves or, beyond the 32-bit range,
 // to INT32_MIN, and the 16-bit packing then clips them. Clipping first and truncating after
 // give the same result for every sum.
-inline __m128i Truncate(__m128d s)
-{
+inline __m128i Truncate(__m128d s) {
     return _mm_cvttpd_epi32(_mm_min_pd(s, _mm_set1_pd(32767.0)));
 }
 
 // Eight sums (four lanes of two) to eight 16-bit samples, clipped.
-inline __m128i ToPcm(const __m128d s[4])
-{
+inline __m128i ToPcm(const __m128d s[4]) {
     const __m128i lo = _mm_unpacklo_epi64(Truncate(s[0]), Truncate(s[1]));
     const __m128i hi = _mm_unpacklo_epi64(Truncate(s[2]), Truncate(s[3]));
     return _mm_packs_epi32(lo, hi);
 }
 
-inline __m128i ReverseWords(__m128i v)
-{
+inline __m128i ReverseWords(__m128i v) {
     v = _mm_shufflelo_epi16(v, _MM_SHUFFLE(0, 1, 2, 3));
     v = _mm_shufflehi_epi16(v, _MM_SHUFFLE(0, 1, 2, 3));
     return _mm_shuffle_epi32(v, _MM_SHUFFLE(1, 0, 3, 2));
 }
 
-inline void Store16(uint8_t* p, int v)
-{
+inline void Store16(uint8_t* p, int v) {
     // Only x86 runs this code, and it stores 16-bit values little-endian like the PCM block.
     const uint16_t sample = static_cast<uint16_t>(v);
     std::memcpy(p, &sample, sizeof sample);
 }
 
-inline void StoreEightStrided(__m128i v, uint8_t* p, size_t step)
-{
+inline void StoreEightStrided(__m128i v, uint8_t* p, size_t step) {
     Store16(p, _mm_extract_epi16(v, 0));
     Store16(p + step, _mm_extract_epi16(v, 1));
     Store16(p + 2 * step, _mm_extract_epi16(v, 2));
@@ -305,13 +286,12 @@ inline void StoreEightStrided(__m128i v, uint8_t* p, size_t step)
 }
 
 // The 32 samples of one slot in order 0..31, stride samples apart.
-inline void StorePcm(const WindowSums& sums, uint8_t* pcm, int32_t stride)
-{
-    const __m128i first = ToPcm(sums.fwd);        // samples 0..7
-    const __m128i second = ToPcm(sums.fwd + 4);   // samples 8..15
+inline void StorePcm(const WindowSums& sums, uint8_t* pcm, int32_t stride) {
+    const __m128i first = ToPcm(sums.fwd);       // samples 0..7
+    const __m128i second = ToPcm(sums.fwd + 4);  // samples 8..15
     // (32, 31, ..., 25) and (24, 23, ..., 17), turned around.
-    const __m128i top = ReverseWords(ToPcm(sums.bwd));           // 25..32
-    const __m128i upper = ReverseWords(ToPcm(sums.bwd + 4));     // 17..24
+    const __m128i top = ReverseWords(ToPcm(sums.bwd));        // 25..32
+    const __m128i upper = ReverseWords(ToPcm(sums.bwd + 4));  // 17..24
     const __m128i s16 = _mm_packs_epi32(Truncate(_mm_set_sd(sums.s16)), _mm_setzero_si128());
     // Shifting by one sample makes room for 16 and 24 in front and drops the missing 32.
     const __m128i third = _mm_insert_epi16(_mm_slli_si128(upper, 2), _mm_extract_epi16(s16, 0), 0);
@@ -330,8 +310,7 @@ inline void StorePcm(const WindowSums& sums, uint8_t* pcm, int32_t stride)
     StoreEightStrided(fourth, pcm + 24 * step, step);
 }
 
-void SynthWindowToPcmSse2(const float ring[512], uint32_t offset, uint8_t* pcm, int32_t stride)
-{
+void SynthWindowToPcmSse2(const float ring[512], uint32_t offset, uint8_t* pcm, int32_t stride) {
     WindowSums w;
     Window(ring, offset, w);
     StorePcm(w, pcm, stride);
@@ -343,8 +322,7 @@ typedef void (*WindowToPcm)(const float* ring, uint32_t offset, uint8_t* pcm, in
 
 // The windowing of this build; in the default build the AVX one where the processor and the
 // system support it, chosen on first use.
-WindowToPcm ChosenWindowing()
-{
+WindowToPcm ChosenWindowing() {
 #if defined(QUORBEL_SYNTH_SCALAR)
     return SynthWindowToPcmScalar;
 #elif defined(QUORBEL_SYNTH_SSE2)
@@ -359,19 +337,16 @@ WindowToPcm ChosenWindowing()
 
 }  // namespace
 
-void SynthMatrix(const float x[32], float ring[512], uint32_t offset)
-{
+void SynthMatrix(const float x[32], float ring[512], uint32_t offset) {
     Dct32(x, ring + (offset & kSlotMask));
 }
 
-void SynthWindowToPcm(const float ring[512], uint32_t offset, uint8_t* pcm, int32_t stride)
-{
+void SynthWindowToPcm(const float ring[512], uint32_t offset, uint8_t* pcm, int32_t stride) {
     ChosenWindowing()(ring, offset, pcm, stride);
 }
 
 void SynthesizeSlots(const float slots[18][32], float ring[512], uint32_t* offset, uint8_t* pcm,
-                     int32_t stride)
-{
+                     int32_t stride) {
     uint32_t o = *offset & kSlotMask;
     const size_t slotBytes = 32 * 2 * static_cast<size_t>(stride);
     const WindowToPcm windowToPcm = ChosenWindowing();

@@ -60,15 +60,23 @@ std::string Hex(uint32_t v) {
     return text;
 }
 
-unsigned long long FromHex(const std::string& text) { return std::strtoull(text.c_str(), nullptr, 16); }
+unsigned long long FromHex(const std::string& text) {
+    return std::strtoull(text.c_str(), nullptr, 16);
+}
 
-std::string Refused(const char* step) { return "refused " + std::string(step) + " " + Hex(GetLastError()); }
+std::string Refused(const char* step) {
+    return "refused " + std::string(step) + " " + Hex(GetLastError());
+}
 
 std::string SendCopyData(ULONG_PTR dwData, const void* data, DWORD size) {
     COPYDATASTRUCT cds = {dwData, size, const_cast<void*>(data)};
     DWORD_PTR result = 0;
-    return SendMessageTimeoutA(CQuorbelClient::FindServer(), WM_COPYDATA, 0, reinterpret_cast<LPARAM>(&cds),
-                               SMTO_NORMAL, kSendTimeoutMs, &result) != 0 && result != 0 ? "1" : "0";
+    return SendMessageTimeoutA(CQuorbelClient::FindServer(), WM_COPYDATA, 0,
+                               reinterpret_cast<LPARAM>(&cds), SMTO_NORMAL, kSendTimeoutMs,
+                               &result) != 0 &&
+                   result != 0
+               ? "1"
+               : "0";
 }
 
 std::string Send(LONG client, const std::vector<std::string>& fields, size_t first) {
@@ -76,8 +84,9 @@ std::string Send(LONG client, const std::vector<std::string>& fields, size_t fir
     for (size_t i = first + 1; i < fields.size(); ++i) {
         if (!block.AddName(fields[i].c_str())) return "0";
     }
-    return SendCopyData(CQuorbelClient::MakeDwData(block.Count(), static_cast<unsigned>(FromHex(fields[first]))),
-                        block.Data(), block.Size());
+    return SendCopyData(
+        CQuorbelClient::MakeDwData(block.Count(), static_cast<unsigned>(FromHex(fields[first]))),
+        block.Data(), block.Size());
 }
 
 void PumpFor(DWORD ms) {
@@ -91,19 +100,32 @@ void PumpFor(DWORD ms) {
 
 // The system's handle list (SystemHandleInformation), read without importing ntdll: under Wine
 // another process's handle count is answered with 0, so the list is the only count there is.
-struct HandleEntry { ULONG ownerPid; BYTE objectType, flags; USHORT value; PVOID object; ULONG access; };
-struct HandleList { ULONG count; HandleEntry entries[1]; };
+struct HandleEntry {
+    ULONG ownerPid;
+    BYTE objectType, flags;
+    USHORT value;
+    PVOID object;
+    ULONG access;
+};
+struct HandleList {
+    ULONG count;
+    HandleEntry entries[1];
+};
 
 std::string Handles() {
     DWORD pid = 0;
-    auto query = reinterpret_cast<LONG(WINAPI*)(ULONG, PVOID, ULONG, PULONG)>(
-        reinterpret_cast<void*>(GetProcAddress(GetModuleHandleA("ntdll.dll"), "NtQuerySystemInformation")));
-    if (GetWindowThreadProcessId(CQuorbelClient::FindServer(), &pid) == 0 || query == nullptr) return "none";
-    HANDLE event = CreateEventA(nullptr, FALSE, FALSE, nullptr);  // to learn the type number of events
+    auto query =
+        reinterpret_cast<LONG(WINAPI*)(ULONG, PVOID, ULONG, PULONG)>(reinterpret_cast<void*>(
+            GetProcAddress(GetModuleHandleA("ntdll.dll"), "NtQuerySystemInformation")));
+    if (GetWindowThreadProcessId(CQuorbelClient::FindServer(), &pid) == 0 || query == nullptr)
+        return "none";
+    HANDLE event =
+        CreateEventA(nullptr, FALSE, FALSE, nullptr);  // to learn the type number of events
     std::vector<char> buffer(1 << 16);
     LONG status;
     while ((status = query(16, buffer.data(), static_cast<ULONG>(buffer.size()), nullptr)) ==
-               static_cast<LONG>(0xC0000004) && buffer.size() < (1u << 28)) {
+               static_cast<LONG>(0xC0000004) &&
+           buffer.size() < (1u << 28)) {
         buffer.resize(buffer.size() * 2);  // the list grew: again with more room
     }
     const HandleList* list = reinterpret_cast<const HandleList*>(buffer.data());
@@ -113,23 +135,28 @@ std::string Handles() {
     for (ULONG i = 0; status == 0 && i < list->count && i < room; ++i) {
         const HandleEntry& e = list->entries[i];
         if (e.ownerPid == pid) ++byType[e.objectType];
-        if (e.ownerPid == GetCurrentProcessId() && e.value == HandleToUlong(event)) eventType = e.objectType;
+        if (e.ownerPid == GetCurrentProcessId() && e.value == HandleToUlong(event))
+            eventType = e.objectType;
     }
     CloseHandle(event);
-    std::string text = "pid " + std::to_string(pid) + " event " + std::to_string(eventType) + " types";
-    for (const auto& type : byType) text += " " + std::to_string(type.first) + ":" + std::to_string(type.second);
+    std::string text =
+        "pid " + std::to_string(pid) + " event " + std::to_string(eventType) + " types";
+    for (const auto& type : byType)
+        text += " " + std::to_string(type.first) + ":" + std::to_string(type.second);
     return status == 0 ? text : "none";
 }
 
 std::string Truncate(const std::string& file, const std::string& bytes) {
     // Shared as widely as Windows allows: whatever is refused is refused because of another opener.
-    HANDLE h = CreateFileA(file.c_str(), GENERIC_WRITE, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE,
-                           nullptr, OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr);
+    HANDLE h = CreateFileA(file.c_str(), GENERIC_WRITE,
+                           FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr,
+                           OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr);
     if (h == INVALID_HANDLE_VALUE) return Refused("CreateFile");
     LARGE_INTEGER at;
     at.QuadPart = std::strtoll(bytes.c_str(), nullptr, 10);
-    const std::string answer = SetFilePointerEx(h, at, nullptr, FILE_BEGIN) && SetEndOfFile(h) ? "done"
-                                                                                            : Refused("SetEndOfFile");
+    const std::string answer = SetFilePointerEx(h, at, nullptr, FILE_BEGIN) && SetEndOfFile(h)
+                                   ? "done"
+                                   : Refused("SetEndOfFile");
     CloseHandle(h);
     return answer;
 }
@@ -137,8 +164,8 @@ std::string Truncate(const std::string& file, const std::string& bytes) {
 std::string Carry(const std::vector<std::string>& f) {
     const std::string& command = f[0];
     if (command == "window" && g_hWnd == nullptr) {
-        g_hWnd = CreateWindowExA(0, "STATIC", "quorbel test client", WS_OVERLAPPEDWINDOW, 10, 10, 200, 100,
-                                 nullptr, nullptr, GetModuleHandleA(nullptr), nullptr);
+        g_hWnd = CreateWindowExA(0, "STATIC", "quorbel test client", WS_OVERLAPPEDWINDOW, 10, 10,
+                                 200, 100, nullptr, nullptr, GetModuleHandleA(nullptr), nullptr);
     }
     if (command == "window") return Hex(static_cast<uint32_t>(HandleToLong(g_hWnd)));
     if (command == "send" && f.size() > 1) return Send(HandleToLong(g_hWnd), f, 1);
@@ -146,10 +173,12 @@ std::string Carry(const std::vector<std::string>& f) {
     if (command == "raw" && f.size() > 2) {
         std::string bytes;
         for (size_t i = 0; i + 1 < f[2].size(); i += 2) {
-            bytes.push_back(static_cast<char>(std::strtoul(f[2].substr(i, 2).c_str(), nullptr, 16)));
+            bytes.push_back(
+                static_cast<char>(std::strtoul(f[2].substr(i, 2).c_str(), nullptr, 16)));
         }
         // Never a null pointer, not even for an empty block.
-        return SendCopyData(static_cast<ULONG_PTR>(FromHex(f[1])), bytes.data(), static_cast<DWORD>(bytes.size()));
+        return SendCopyData(static_cast<ULONG_PTR>(FromHex(f[1])), bytes.data(),
+                            static_cast<DWORD>(bytes.size()));
     }
     if (command == "front" && g_hWnd != nullptr) {
         ShowWindow(g_hWnd, SW_SHOW);
@@ -164,10 +193,13 @@ std::string Carry(const std::vector<std::string>& f) {
     HWND server = CQuorbelClient::FindServer();
     if (command == "find") return Hex(static_cast<uint32_t>(HandleToLong(server)));
     // Posted: the server's close waits for its plays, and this client must go on answering.
-    if (command == "close") return server != nullptr && PostMessageA(server, WM_CLOSE, 0, 0) ? "1" : "0";
+    if (command == "close")
+        return server != nullptr && PostMessageA(server, WM_CLOSE, 0, 0) ? "1" : "0";
     if (command == "handles") return Handles();
     if (command == "replace" && f.size() > 2) {
-        return MoveFileExA(f[1].c_str(), f[2].c_str(), MOVEFILE_REPLACE_EXISTING) ? "done" : Refused("MoveFileEx");
+        return MoveFileExA(f[1].c_str(), f[2].c_str(), MOVEFILE_REPLACE_EXISTING)
+                   ? "done"
+                   : Refused("MoveFileEx");
     }
     if (command == "truncate" && f.size() > 2) return Truncate(f[1], f[2]);
     return "0";
@@ -179,7 +211,8 @@ int main() {
     InitializeCriticalSection(&g_lock);
     g_mainThread = GetCurrentThreadId();
     MSG msg;
-    PeekMessageA(&msg, nullptr, 0, 0, PM_NOREMOVE);  // the thread's queue exists before the reader posts
+    PeekMessageA(&msg, nullptr, 0, 0,
+                 PM_NOREMOVE);  // the thread's queue exists before the reader posts
     HANDLE reader = CreateThread(nullptr, 0, &ReadInput, nullptr, 0, nullptr);
     if (reader == nullptr) return 2;
     CloseHandle(reader);
