@@ -26,8 +26,15 @@ struct Device {
     std::thread player;
 };
 
-// Reports done outside the lock, as a system's callback thread would.
-void Report(Device* device, std::deque<WaveBuffer*> done) {
+Device* Of(WaveDevice device) {
+    return reinterpret_cast<Device*>(device);
+}
+bool Stalled() {
+    return g_script.stall && !g_released;
+}
+
+// Reports outside the lock, as a system's callback thread would.
+void Report(Device* device, const std::deque<WaveBuffer*>& done) {
     for (WaveBuffer* buffer : done) {
         WaveDeviceDone(device->instance, reinterpret_cast<uintptr_t>(buffer));
         std::lock_guard<std::mutex> lock(g_mutex);
@@ -38,13 +45,12 @@ void Report(Device* device, std::deque<WaveBuffer*> done) {
 void Play(Device* device) {
     std::unique_lock<std::mutex> lock(g_mutex);
     for (;;) {
-        g_changed.wait(lock, [&] {
-            return device->closing || (!device->queue.empty() && (!g_script.hold || g_released));
-        });
+        g_changed.wait(lock,
+                       [&] { return device->closing || (!device->queue.empty() && !Stalled()); });
         if (device->closing) return;
-        const uint32_t micros = g_script.playMicros;
+        const std::chrono::microseconds playing(g_script.playMicros);
         lock.unlock();
-        std::this_thread::sleep_for(std::chrono::microseconds(micros));
+        std::this_thread::sleep_for(playing);
         lock.lock();
         if (device->queue.empty()) continue;  // reset meanwhile
         std::deque<WaveBuffer*> done(1, device->queue.front());
@@ -55,15 +61,14 @@ void Play(Device* device) {
     }
 }
 
-Device* Of(WaveDevice device) {
-    return reinterpret_cast<Device*>(device);
+// The n-th call counted by counter since Reset is the one the script names.
+bool Fails(int& counter, int failAt) {
+    return ++counter == failAt;
 }
 
 }  // namespace
 
-namespace fake_wave {
-
-void Reset(const Script& script) {
+void fake_wave::Reset(const Script& script) {
     std::lock_guard<std::mutex> lock(g_mutex);
     g_script = script;
     g_allocs = g_prepares = g_writes = 0;
@@ -71,34 +76,32 @@ void Reset(const Script& script) {
     g_written.clear();
 }
 
-void Release() {
+void fake_wave::Release() {
     std::lock_guard<std::mutex> lock(g_mutex);
     g_released = true;
     g_changed.notify_all();
 }
 
-std::vector<std::string> Written() {
+std::vector<std::string> fake_wave::Written() {
     std::lock_guard<std::mutex> lock(g_mutex);
     return g_written;
 }
 
-int OpenDevices() {
+int fake_wave::OpenDevices() {
     std::lock_guard<std::mutex> lock(g_mutex);
     return g_open;
 }
 
-int Pending() {
+int fake_wave::Pending() {
     std::lock_guard<std::mutex> lock(g_mutex);
     return g_pending;
 }
 
-}  // namespace fake_wave
-
 uint32_t WaveOpen(WaveDevice* device, const WaveFormat&, uintptr_t instance) {
-    *device = 0;
     std::lock_guard<std::mutex> lock(g_mutex);
+    *device = 0;
     if (g_script.refuseOpen) return fake_wave::kError;
-    Device* made = new Device{instance, {}, false, {}};
+    Device* made = new Device{instance};
     made->player = std::thread(&Play, made);
     ++g_open;
     *device = reinterpret_cast<WaveDevice>(made);
@@ -107,7 +110,7 @@ uint32_t WaveOpen(WaveDevice* device, const WaveFormat&, uintptr_t instance) {
 
 uint32_t WavePrepare(WaveDevice, WaveBuffer*) {
     std::lock_guard<std::mutex> lock(g_mutex);
-    return ++g_prepares == g_script.failPrepareAt ? fake_wave::kError : 0;
+    return Fails(g_prepares, g_script.failPrepareAt) ? fake_wave::kError : 0;
 }
 
 uint32_t WaveUnprepare(WaveDevice, WaveBuffer*) {
@@ -116,7 +119,7 @@ uint32_t WaveUnprepare(WaveDevice, WaveBuffer*) {
 
 uint32_t WaveWrite(WaveDevice device, WaveBuffer* buffer) {
     std::lock_guard<std::mutex> lock(g_mutex);
-    if (++g_writes == g_script.failWriteAt) return fake_wave::kError;
+    if (Fails(g_writes, g_script.failWriteAt)) return fake_wave::kError;
     g_written.emplace_back(buffer->pData, buffer->nLength);
     ++g_pending;
     Of(device)->queue.push_back(buffer);
@@ -125,33 +128,32 @@ uint32_t WaveWrite(WaveDevice device, WaveBuffer* buffer) {
 }
 
 uint32_t WaveReset(WaveDevice device) {
-    std::unique_lock<std::mutex> lock(g_mutex);
-    if (g_script.hold && !g_released) return 0;
     std::deque<WaveBuffer*> done;
-    done.swap(Of(device)->queue);
-    lock.unlock();
+    {
+        std::lock_guard<std::mutex> lock(g_mutex);
+        if (!Stalled()) done.swap(Of(device)->queue);
+    }
     Report(Of(device), done);
     return 0;
 }
 
 uint32_t WaveClose(WaveDevice device) {
-    Device* closing = Of(device);
     {
         std::unique_lock<std::mutex> lock(g_mutex);
-        g_changed.wait(lock, [] { return !g_script.holdClose || g_released; });
-        closing->closing = true;
+        g_changed.wait(lock, [] { return !Stalled(); });
+        Of(device)->closing = true;
         --g_open;
         g_changed.notify_all();
     }
-    closing->player.join();
-    delete closing;
+    Of(device)->player.join();
+    delete Of(device);
     return 0;
 }
 
 void* WaveAlloc(size_t size) {
     {
         std::lock_guard<std::mutex> lock(g_mutex);
-        if (++g_allocs == g_script.failAllocAt) return nullptr;
+        if (Fails(g_allocs, g_script.failAllocAt)) return nullptr;
     }
     return std::calloc(1, size);
 }
@@ -161,11 +163,7 @@ void WaveFree(void* block) {
 }
 
 WaveBuffer* WaveDoneBuffer(uintptr_t systemBuffer) {
-    bool fault;
-    {
-        std::lock_guard<std::mutex> lock(g_mutex);
-        fault = g_script.throwInDone;
-    }
-    if (fault) throw std::runtime_error("fault in the device callback");
+    std::lock_guard<std::mutex> lock(g_mutex);
+    if (g_script.throwInDone) throw std::runtime_error("fault in the device callback");
     return reinterpret_cast<WaveBuffer*>(systemBuffer);
 }

@@ -166,8 +166,7 @@ TEST_F(WavOutTest, StopEndsTheWriterAndWaitsForTheQueuedSound) {
 // runs on a thread of its own and, when that does not return, the device is left to it.
 TEST_F(WavOutTest, SilentDeviceIsGivenUpAndLeftOpenWhenItsCloseHangs) {
     fake_wave::Script script;
-    script.hold = true;
-    script.holdClose = true;
+    script.stall = true;
     fake_wave::Reset(script);
     auto out = std::make_unique<CWavOut>();
     WavOutParams params = Params(1, 8000, 8, 2, 64);  // a 16 ms ring: a wait limit of 1048 ms

@@ -1,5 +1,6 @@
-// The framework layer's windows: where messages go, when a window's object is deleted, and how
-// the main window ends the message loop; on the real window manager.
+// What needs the real window manager and runtime: the framework's windows (where messages go,
+// when a window's object is deleted, how the main window ends the message loop), the server's
+// hidden frame, and the choice of player by extension with the multibyte search.
 
 #include <gtest/gtest.h>
 
@@ -7,15 +8,15 @@
 #include <string>
 #include <vector>
 
+#include "app/MainFrame.h"
 #include "app/framework/FrameWnd.h"
 #include "app/framework/WinApp.h"
+#include "player/pub/PlayerRegistry.h"
 
 namespace {
 
 // The process's one application object, as the server's is.
 CWinApp g_app;
-
-// ---- The application layer ----
 
 std::vector<std::string> g_events;
 
@@ -115,16 +116,38 @@ TEST(Framework, DestroyingTheMainWindowEndsTheMessageLoop) {
     EXPECT_EQ(msg.wParam, 0u);
 }
 
-TEST(Framework, RegisteredClassesAreFoundAgainByTheirArguments) {
-    const std::string plain = AfxRegisterWndClass(0);
-    const std::string again = AfxRegisterWndClass(0);
-    const std::string dbl = AfxRegisterWndClass(CS_DBLCLKS);
-    EXPECT_EQ(plain, again);
-    EXPECT_NE(plain, dbl);
-    WNDCLASSA wc;
-    ASSERT_TRUE(GetClassInfoA(GetModuleHandleA(nullptr), dbl.c_str(), &wc));
-    EXPECT_EQ(wc.style, static_cast<UINT>(CS_DBLCLKS));
-    EXPECT_EQ(wc.lpfnWndProc, &CWnd::WndProc);
+// The server's frame: hidden, no client edge, on a class of style 0.
+TEST(MainFrameWindow, HiddenWithoutClientEdgeOnAClassOfStyleZero) {
+    CMainFrame* frame = new CMainFrame;
+    RECT rect = {0, 0, 0, 0};
+    ASSERT_TRUE(frame->Create(nullptr, "server frame under test", WS_CLIPCHILDREN, rect));
+    HWND hFrame = frame->GetSafeHwnd();
+    EXPECT_FALSE(IsWindowVisible(hFrame));
+    EXPECT_EQ(GetWindowLongPtrA(hFrame, GWL_EXSTYLE) & WS_EX_CLIENTEDGE, 0);
+    EXPECT_EQ(GetClassLongPtrA(hFrame, GCL_STYLE), 0);
+    DestroyWindow(hFrame);  // the frame deletes itself
+}
+
+// The player by extension: the whole text after the last dot, letter case aside, found with the
+// platform's multibyte search.
+TEST(RegistryExtension, WholeTextAfterTheLastDotLetterCaseAside) {
+    struct Case {
+        const char* name;
+        const char* ext;
+        BOOL expected;
+    } cases[] = {
+        {"a.wav", "wav", TRUE},      {"a.WAV", "wav", TRUE},
+        {"a.Mp3", "mp3", TRUE},      {"C:\\dir.x\\song.mp3", "mp3", TRUE},
+        {".wav", "wav", TRUE},       {"a.wave", "wav", FALSE},
+        {"a.wa", "wav", FALSE},      {"a.mp3 ", "mp3", FALSE},
+        {"a.mp3.bak", "mp3", FALSE}, {"a.bak.mp3", "mp3", TRUE},
+        {"amp3", "mp3", FALSE},      {"dir.mp3\\file", "mp3", FALSE},
+        {"a.", "wav", FALSE},        {"", "wav", FALSE},
+    };
+    for (const Case& c : cases) {
+        EXPECT_EQ(CPlayerRegistry::HasExtension(c.name, c.ext), c.expected) << c.name;
+    }
+    EXPECT_FALSE(CPlayerRegistry::HasExtension(nullptr, "wav"));
 }
 
 }  // namespace
