@@ -199,24 +199,7 @@ const uint8_t* CMP3File::SearchFrameHeader(const uint8_t* pos, SearchStart start
 int CMP3File::Open(const char* fileName) {
     const char* name = (fileName != nullptr) ? fileName : "";
     try {
-        Close();
-        if (!Map(name)) {
-            return 0;
-        }
-        // The player refuses names of 260 bytes or more before they get here; a longer one
-        // is cut rather than overrun the field.
-        size_t length = strlen(name);
-        if (length >= sizeof(szFileName)) {
-            length = sizeof(szFileName) - 1;
-        }
-        memcpy(szFileName, name, length);
-        szFileName[length] = '\0';
-
-        if (InitFileInfo()) {
-            return 1;
-        }
-        Close();
-        return 0;
+        return MapAndParse(*this, name);
     } catch (...) {
         Close();
         g_logFile.Log("[CMP3File::Open]file(%s),exception occurs", name);

@@ -1,5 +1,7 @@
 #include "player/pub/FileMapObj.h"
 
+#include <cstring>
+
 #include "player/pub/Log.h"
 
 namespace {
@@ -124,4 +126,10 @@ int CFileMapObj::Contains(const void* p, uint32_t len) const {
         return 0;
     }
     return (offset + length <= dwSize) ? 1 : 0;
+}
+
+void CFileMapObj::KeepName(char* field, size_t size, const char* name) {
+    size_t length = strnlen(name, size - 1);
+    memcpy(field, name, length);
+    field[length] = '\0';
 }

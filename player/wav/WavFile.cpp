@@ -49,19 +49,7 @@ CWavFile::~CWavFile() {
 int CWavFile::Open(const char* fileName) {
     const char* name = (fileName != nullptr) ? fileName : "";
     try {
-        // Also clears what a failed InitFileInfo may have left behind on a closed object.
-        Close();
-        if (!Map(name)) {
-            return 0;
-        }
-        for (size_t i = 0; i + 1 < sizeof(szFileName) && name[i] != '\0'; ++i) {
-            szFileName[i] = name[i];
-        }
-        if (InitFileInfo()) {
-            return 1;
-        }
-        Close();
-        return 0;
+        return MapAndParse(*this, name);
     } catch (...) {
         g_logFile.Log("[CWavFile::Open]file(%s),exception occurs", name);
         Close();
