@@ -23,7 +23,7 @@ namespace {
 
 typedef std::vector<uint8_t> Bytes;
 
-// Most significant bit first, as the decoder reads; Padded leaves room for its look-ahead.
+// Most significant bit first, as the decoder reads.
 struct BitWriter {
     Bytes bytes;
     int bits = 0;
@@ -35,11 +35,6 @@ struct BitWriter {
     }
     void PutCode(const std::string& code) {
         for (char c : code) Put(c == '1', 1);
-    }
-    Bytes Padded() const {
-        Bytes out = bytes;
-        out.resize(out.size() + 64);
-        return out;
     }
 };
 
@@ -64,9 +59,11 @@ std::string Code(const std::string& key) {
 // MPEG-1 44.1 kHz 128 kbit/s joint stereo (417-byte frames); MPEG-2 22.05 kHz 64 kbit/s joint.
 const Bytes kMpeg1 = {0xFF, 0xFB, 0x90, 0x64}, kMpeg2 = {0xFF, 0xF3, 0x80, 0x64};
 constexpr uint32_t kNoSync = 3, kBadField = 4, kShortInput = 5;
-// length bytes: the header, then side information from side, then zeros.
-Bytes Frame(Bytes header, const BitWriter& side = {}, size_t length = 2000) {
-    header.insert(header.end(), side.bytes.begin(), side.bytes.end());
+// length bytes: the header, then side information of these (value, bits) fields, then zeros.
+Bytes Frame(Bytes header, std::vector<std::pair<uint32_t, int>> side = {}, size_t length = 2000) {
+    BitWriter w;
+    for (auto f : side) w.Put(f.first, f.second);
+    header.insert(header.end(), w.bytes.begin(), w.bytes.end());
     header.resize(length);
     return header;
 }
@@ -78,9 +75,12 @@ std::unique_ptr<CMP3Decoder> Started(const Bytes& header) {
     EXPECT_EQ(d->StartDecoder(Frame(header).data(), 2000, &info), 1);
     return d;
 }
-Bytes reading;  // what the decoder reads bits from
+Bytes reading;  // what the decoder reads bits from, with room for its look-ahead
 void ReadFrom(CMP3Decoder& d, const Bytes& bits) {
-    reading = bits, d.SetBitPos(reading.data()), d.SetBitLimit(reading.data() + reading.size());
+    reading = bits;
+    reading.resize(bits.size() + 64);
+    d.SetBitPos(reading.data());
+    d.SetBitLimit(reading.data() + reading.size());
 }
 int32_t Line(const float* lines, int i) {
     return CMP3Decoder::LoadSlotInt(lines + i);
@@ -112,10 +112,9 @@ protected:
     }
     // Line i of a band at position p whose illegal position is illegal.
     void ExpectPosition(int i, uint32_t p, uint32_t illegal) {
-        const double x = 1000 + i, ms = P().ms ? std::sqrt(2.0) : 1.0,
-                     angle = p * std::acos(-1.0) / 12;
-        const double i0 = std::pow(2.0, -(P().scale + 1) / 4.0), s = std::sin(angle),
-                     c = std::cos(angle);
+        const double x = 1000 + i, ms = P().ms ? std::sqrt(2.0) : 1.0;
+        const double s = std::sin(p * std::acos(-1.0) / 12), c = std::cos(p * std::acos(-1.0) / 12);
+        const double i0 = std::pow(2.0, -(P().scale + 1) / 4.0);
         if (p >= illegal)
             Expect(i, x, P().ms ? x : 0);
         else if (P().version == 1)
@@ -163,21 +162,27 @@ TEST_P(DecIntensity, ShortBlocksPerWindow) {
         d->BandInfo[0][1][kBandMax] = 2, d->LineCount[0][0] = 41;
         sf->shortSf[0][3] = 0, sf->shortSf[1][3] = 6, sf->shortSf[2][3] = 3;
         d->ProcessStereo(header, 0);
-        for (int w = 0; w < 3; ++w)
-            ExpectPosition(36 + w, sf->shortSf[w][3], 7), Expect(39 + w, 1039 + w, 0);
+        for (int w = 0; w < 3; ++w) {
+            ExpectPosition(36 + w, sf->shortSf[w][3], 7);
+            Expect(39 + w, 1039 + w, 0);
+        }
         return;
     }
     const int maxR[3] = {1, 2, 3}, maxL[3] = {3, 2, 4};  // s = 0 4 8 12 18 24 ...
-    for (int w = 0; w < 3; ++w)
-        d->BandInfo[0][1][kBandMaxShort + w] = maxR[w],
-                                          d->BandInfo[0][0][kBandMaxShort + w] = maxL[w];
+    for (int w = 0; w < 3; ++w) {
+        d->BandInfo[0][1][kBandMaxShort + w] = maxR[w];
+        d->BandInfo[0][0][kBandMaxShort + w] = maxL[w];
+    }
     const uint32_t groups[7] = {6, 6, 0, 1, 1, 0, uint32_t(P().scale)};
     std::memcpy(d->IntensityInfo, groups, sizeof groups);
     sf->shortSf[0][3] = 1;
     d->ProcessStereo(header, 0);
-    ExpectPosition(24, 0, 1), ExpectPosition(36, 1, 1),
-        Expect(54, 1054, 0);                        // window 0: bands 2, 3 (illegal), not 4
-    Expect(37, 1037, 0), ExpectPosition(56, 0, 1);  // window 1: none; window 2: band 4
+    // Window 0: bands 2 and 3 (illegal), not 4; window 1: none; window 2: band 4.
+    ExpectPosition(24, 0, 1);
+    ExpectPosition(36, 1, 1);
+    Expect(54, 1054, 0);
+    Expect(37, 1037, 0);
+    ExpectPosition(56, 0, 1);
 }
 
 INSTANTIATE_TEST_SUITE_P(Modes, DecIntensity,
@@ -198,23 +203,21 @@ TEST(DecMpeg2ScaleFactors, RightChannelGroupsAndTheMixedFlagOnALongBlock) {
         uint32_t sfc, blockType, mixed, ch, slen[3], counts[3];
         int bits;
     };
+    // Left: (3, 2) moved up to (3, 3, 2). Right, i = sfc / 2: 179 (its table 3), 180 (table 4,
+    // lengths 0), 255 (table 5, mixed: 6 long bands first).
     const Case cases[] = {
-        {511, 0, 1, 0, {}, {}, 11 * 3 + 10 * 3},                // (3, 2) moved up to (3, 3, 2)
-        {359, 0, 0, 1, {4, 5, 5}, {7, 7, 7}, 7 * (4 + 5 + 5)},  // i = 179: table 3
-        {360, 2, 0, 1, {0, 0, 0}, {4, 3, 3}, 0},                // i = 180: table 4, lengths 0
-        {511,
-         2,
-         1,
-         1,
-         {3, 2, 0},
-         {6, 6, 3},
-         6 * 3 + 6 * 3 * 2},  // i = 255: table 5, mixed: 6 long bands first
+        {511, 0, 1, 0, {}, {}, 11 * 3 + 10 * 3},
+        {359, 0, 0, 1, {4, 5, 5}, {7, 7, 7}, 7 * (4 + 5 + 5)},
+        {360, 2, 0, 1, {0, 0, 0}, {4, 3, 3}, 0},
+        {511, 2, 1, 1, {3, 2, 0}, {6, 6, 3}, 6 * 3 + 6 * 3 * 2},
     };
     for (const Case& c : cases) {
         auto d = Started(kMpeg2);
         d->IntensityStereo = 1;
         GranuleSideInfo& g = d->GranuleInfo[0][c.ch];
-        g.scalefac_compress = c.sfc, g.block_type = c.blockType, g.mixed_block_flag = c.mixed;
+        g.scalefac_compress = c.sfc;
+        g.block_type = c.blockType;
+        g.mixed_block_flag = c.mixed;
         ReadFrom(*d, Bytes(64, 0xFF));
         d->ReadScaleFactorsMpeg2(0, c.ch);
         EXPECT_EQ(d->BitsUsed(), c.bits) << c.sfc;
@@ -228,10 +231,14 @@ TEST(DecMpeg2ScaleFactors, RightChannelGroupsAndTheMixedFlagOnALongBlock) {
 
 // ---- The bit reservoir and damaged frames (random damage is the fuzz target's).
 Bytes pcm;
-int Decode(CMP3Decoder& d, const Bytes& frame) {  // into a block of sentinels, left for inspection
+MP3FrameIO io;  // the last call's
+// The frame's first length bytes (all if 0) into a block of sentinels, left for inspection.
+int Decode(CMP3Decoder& d, const Bytes& frame, size_t length = 0) {
     pcm.assign(8192, 0x5A);
-    MP3FrameIO io{};
-    io.inData = frame.data(), io.inLength = int32_t(frame.size()), io.outData = pcm.data();
+    io = MP3FrameIO{};
+    io.inData = frame.data();
+    io.inLength = int32_t(length ? length : frame.size());
+    io.outData = pcm.data();
     return d.DecodeFrame(&io);
 }
 bool Filled(size_t from, size_t to, uint8_t v) {
@@ -240,43 +247,39 @@ bool Filled(size_t from, size_t to, uint8_t v) {
 bool Untouched() {
     return Filled(0, pcm.size(), 0x5A);
 }
-BitWriter Side(std::vector<std::pair<uint32_t, int>> fields) {
-    BitWriter w;
-    for (auto f : fields) w.Put(f.first, f.second);
-    return w;
-}
 
 TEST(DecReservoir, FramesWithoutTheirDataAreSkippedAndKeepTheirBytes) {
-    auto d = Started(kMpeg1);  // 381 bytes of main data a frame
-    ASSERT_EQ(Decode(*d, Frame(kMpeg1, Side({{10, 9}}), 417)), 1);  // back into an empty reservoir
+    // 381 bytes of main data a frame: reaching back into an empty reservoir, one byte more than
+    // held, then what is held (into this frame's PCM only).
+    auto d = Started(kMpeg1);
+    ASSERT_EQ(Decode(*d, Frame(kMpeg1, {{10, 9}}, 417)), 1);
     EXPECT_TRUE(Untouched() && d->ReservoirBytes == 381);
-    ASSERT_EQ(Decode(*d, Frame(kMpeg1, Side({{382, 9}}), 417)), 1);  // one byte more than held
+    ASSERT_EQ(Decode(*d, Frame(kMpeg1, {{382, 9}}, 417)), 1);
     EXPECT_TRUE(Untouched() && d->ReservoirBytes == 762);
-    ASSERT_EQ(Decode(*d, Frame(kMpeg1, Side({{511, 9}}), 417)),
-              1);  // held: into this frame's PCM only
+    ASSERT_EQ(Decode(*d, Frame(kMpeg1, {{511, 9}}, 417)), 1);
     EXPECT_TRUE(d->ReservoirStart == 762 - 511 && Filled(0, 4608, 0) &&
                 Filled(4608, pcm.size(), 0x5A));
     // An MPEG-2 frame's granule goes to the slot the toggle names; a skipped frame leaves the
-    // toggle, so that the next frame's granule overlaps the last decoded one.
+    // toggle, so that the next frame's granule (global gain 44) overlaps the last decoded one.
     const Bytes mono = {0xFF, 0xF3, 0x80, 0xC0};  // 208-byte frames
     d = Started(mono);
-    ASSERT_EQ(Decode(*d, Frame(mono, Side({{5, 8}, {0, 22}, {33, 8}}), 208)), 1);
+    ASSERT_EQ(Decode(*d, Frame(mono, {{5, 8}, {0, 22}, {33, 8}}, 208)), 1);
     EXPECT_TRUE(Untouched() && d->GranuleToggle == 0);
-    ASSERT_EQ(Decode(*d, Frame(mono, Side({{0, 8}, {0, 22}, {44, 8}}), 208)), 1);  // global gain 44
+    ASSERT_EQ(Decode(*d, Frame(mono, {{0, 8}, {0, 22}, {44, 8}}, 208)), 1);
     EXPECT_TRUE(d->GranuleToggle == 1 && d->GranuleInfo[0][0].global_gain == 44 &&
                 Filled(0, 1152, 0));
-    // Frames without room for their data: skipped whole, their bytes kept where they fit.
+    // Frames without room for their data: skipped whole, their bytes kept where they fit. An
+    // MPEG-1 frame in a 22.05 kHz stream has no room for granule 1; a Layer I frame is shorter
+    // than its side information; a Layer II frame at 32 kHz is 1693 bytes past the fill limit.
     struct Case {
         const char* what;
         Bytes stream, frame;
         int32_t heldBefore, heldAfter;
     };
     const Case cases[] = {
-        {"MPEG-1 in a 22.05 kHz stream: no room for granule 1", kMpeg2, Frame(kMpeg1, {}, 835), 0,
-         835 - 36},
-        {"Layer I, shorter than its side information", kMpeg1,
-         Frame({0xFF, 0xFF, 0x10, 0x40}, {}, 32), 0, 0},
-        {"Layer II at 32 kHz, 1693 bytes past the fill limit",
+        {"MPEG-1", kMpeg2, Frame(kMpeg1, {}, 835), 0, 835 - 36},
+        {"Layer I", kMpeg1, Frame({0xFF, 0xFF, 0x10, 0x40}, {}, 32), 0, 0},
+        {"Layer II",
          {0xFF, 0xFB, 0x98, 0x64},
          Frame({0xFF, 0xFD, 0xEA, 0x40}, {}, 1729),
          6692,
@@ -298,26 +301,24 @@ TEST(DecReservoir, FramesWithoutTheirDataAreSkippedAndKeepTheirBytes) {
 TEST(DecHuffmanEnds, OverrunLineLimitAndCount1End) {
     const Bytes mono = {0xFF, 0xFB, 0x10, 0xC0};
     auto d = Started(mono);
-    ASSERT_EQ(
-        Decode(
-            *d,
-            Frame(mono,
-                  Side({{0, 18}, {4095, 12}, {200, 9}, {200, 8}, {0, 5}, {1, 5}, {1, 5}, {1, 5}}),
-                  104)),
-        1);
+    const std::vector<std::pair<uint32_t, int>> side = {{0, 18}, {4095, 12}, {200, 9}, {200, 8},
+                                                        {0, 5},  {1, 5},     {1, 5},   {1, 5}};
+    ASSERT_EQ(Decode(*d, Frame(mono, side, 104)), 1);
     EXPECT_TRUE(Filled(0, 2304, 0));
 
     d = Started(kMpeg1);
     GranuleSideInfo& g = d->GranuleInfo[0][0];
-    g.big_values = 300, g.region0_count = 15,
+    g.big_values = 300;
+    g.region0_count = 15;
     g.region1_count = 7;  // region 1 from line 162 to the end
-    g.table_select[1] = 1, g.table_select[2] = 15;
+    g.table_select[1] = 1;
+    g.table_select[2] = 15;
     BitWriter w;
-    for (int i = 162; i < 558; i += 2) w.PutCode(Code("1 1 0")), w.Put(0, 1);
+    for (int i = 162; i < 558; i += 2) w.PutCode(Code("1 1 0") + "0");
     w.Put(0, 32);  // would be count1 quadruples
     g.part2_3_length = uint32_t(w.bits);
     std::fill_n(d->Spectrum[0][0], 576, 5.0f);  // what the slot held before
-    ReadFrom(*d, w.Padded());
+    ReadFrom(*d, w.bytes);
     d->DecodeHuffman(0, 0, 0);
     EXPECT_TRUE(d->LineCount[0][0] == 558 && d->BitsUsed() == w.bits - 32);
     for (int i : {160, 162, 556, 558, 575})
@@ -326,19 +327,17 @@ TEST(DecHuffmanEnds, OverrunLineLimitAndCount1End) {
     float out[16];
     ReadFrom(*d, Bytes(16));
     EXPECT_EQ(d->DecodeCount1(out, 16, 3, 1), 0);  // table B codes take 4 bits
-    BitWriter q;
-    q.PutCode(Code("A 8")), q.Put(0, 1), q.PutCode(Code("A 15")),
-        q.Put(0, 4);  // (1, 0, 0, 0), (1, 1, 1, 1)
+    BitWriter q;                                   // (1, 0, 0, 0), (1, 1, 1, 1), signs positive
+    q.PutCode(Code("A 8") + "0" + Code("A 15") + "0000");
     // One bit left: a quadruple is still read, then cleared as its code and sign ran past the
-    // channel's bits; the count keeps it (v only: two lines).
+    // channel's bits; the count keeps it (v only: two lines). Exactly enough bits keep both.
     std::fill(out, out + 16, 7.0f);
-    ReadFrom(*d, q.Padded());
+    ReadFrom(*d, q.bytes);
     EXPECT_EQ(d->DecodeCount1(out, 16, 1, 0), 2);
     EXPECT_TRUE(Line(out, 0) == 0 && Line(out, 3) == 0 && out[4] == 7.0f);
-    ReadFrom(*d, q.Padded());
-    EXPECT_TRUE(d->DecodeCount1(out, 16, q.bits, 0) == 8 &&
-                Line(out, 7) == 1);  // exactly enough: both kept
-    ReadFrom(*d, q.Padded());
+    ReadFrom(*d, q.bytes);
+    EXPECT_TRUE(d->DecodeCount1(out, 16, q.bits, 0) == 8 && Line(out, 7) == 1);
+    ReadFrom(*d, q.bytes);
     EXPECT_EQ(d->DecodeCount1(out, 7, 1000, 0), 2);  // seven lines hold one quadruple
 }
 
@@ -350,16 +349,13 @@ TEST(DecStream, HeadersShortInputAndTheFirstFramesRate) {
         int result;
         uint32_t error, version;
     };
+    // Versions 00, 01, 10; the eleven sync bits; rate 3, free format, bitrate 15, layer 00.
     const Case cases[] = {
-        {0xFF, 0xE2, 0x90, 1, 0, 3},
-        {0xFF, 0xEA, 0x90, 1, 0, 3},
-        {0xFF, 0xF2, 0x90, 1, 0, 2},  // version 00, 01, 10
-        {0xFF, 0xDB, 0x90, 0, kNoSync, 0},
-        {0xFE, 0xFB, 0x90, 0, kNoSync, 0},  // the eleven sync bits
-        {0xFF, 0xFB, 0x9C, 0, kBadField, 0},
-        {0xFF, 0xFB, 0x00, 0, kBadField, 0},  // rate 3, free format
-        {0xFF, 0xFB, 0xF0, 0, kBadField, 0},
-        {0xFF, 0xF9, 0x90, 0, kBadField, 0},  // bitrate 15, layer 00
+        {0xFF, 0xE2, 0x90, 1, 0, 3},         {0xFF, 0xEA, 0x90, 1, 0, 3},
+        {0xFF, 0xF2, 0x90, 1, 0, 2},         {0xFF, 0xDB, 0x90, 0, kNoSync, 0},
+        {0xFE, 0xFB, 0x90, 0, kNoSync, 0},   {0xFF, 0xFB, 0x9C, 0, kBadField, 0},
+        {0xFF, 0xFB, 0x00, 0, kBadField, 0}, {0xFF, 0xFB, 0xF0, 0, kBadField, 0},
+        {0xFF, 0xF9, 0x90, 0, kBadField, 0},
     };
     auto d = Started(kMpeg1);
     for (const Case& c : cases) {
@@ -371,8 +367,8 @@ TEST(DecStream, HeadersShortInputAndTheFirstFramesRate) {
             << int(c.b1) << " " << int(c.b2);
     }
     MP3StreamInfo info{};
-    for (uint8_t layer :
-         {0xFF, 0xFD}) {  // Layer I and II streams: refused with no code of their own
+    // Layer I and II streams: refused with no code of their own.
+    for (uint8_t layer : {0xFF, 0xFD}) {
         d = std::make_unique<CMP3Decoder>();
         EXPECT_TRUE(d->StartDecoder(Frame({0xFF, layer, 0x90, 0x64}).data(), 2000, &info) == 0 &&
                     d->LastError == 0);
@@ -382,26 +378,23 @@ TEST(DecStream, HeadersShortInputAndTheFirstFramesRate) {
     d = std::make_unique<CMP3Decoder>();
     EXPECT_TRUE(d->StartDecoder(first.data(), 155, &info) == 0 && d->LastError == kShortInput);
     ASSERT_EQ(d->StartDecoder(first.data(), 156, &info), 1);
-    Bytes out(4608);
-    MP3FrameIO io{};
-    const auto decode = [&](const Bytes& f, int32_t n) {
-        io.inData = f.data(), io.inLength = n, io.outData = out.data();
-        return d->DecodeFrame(&io);
-    };
-    EXPECT_TRUE(decode(first, 4) == 0 && d->LastError == kShortInput);
-    EXPECT_TRUE(decode(noSync, 5) == 0 && d->LastError == kNoSync);  // 5 bytes reach the header
-    EXPECT_TRUE(decode(first, 416) == 0 && d->LastError == kShortInput && d->ReservoirBytes == 0);
+    EXPECT_TRUE(Decode(*d, first, 4) == 0 && d->LastError == kShortInput);
+    EXPECT_TRUE(Decode(*d, noSync, 5) == 0 && d->LastError == kNoSync);  // 5 reach the header
+    EXPECT_TRUE(Decode(*d, first, 416) == 0 && d->LastError == kShortInput &&
+                d->ReservoirBytes == 0);
     EXPECT_EQ(io.bitrate, 128000u);  // the header's fields are filled before the refusal
-    EXPECT_TRUE(decode(first, 417) == 1 && io.outLength == 4608);
-    EXPECT_TRUE(decode(other, 2000) == 1 &&
-                io.inLength == 417);  // sized with the stream's 44.1 kHz
+    EXPECT_TRUE(Decode(*d, first, 417) == 1 && io.outLength == 4608);
+    // Sized with the stream's 44.1 kHz.
+    EXPECT_TRUE(Decode(*d, other) == 1 && io.inLength == 417);
 }
 
 // A Xing header after the header, the CRC and the side information; VBRI 32 bytes in whatever
 // the mode. Found: the totals, and bitrate 0; not found: the header's bitrate.
 TEST(DecStream, VbrHeadersAtTheirPlaces) {
-    const auto tagged = [](Bytes f, size_t at, const char* tag,
+    // A silent frame with the tag at `at`, and words big-endian at their distances from it.
+    const auto tagged = [](const Bytes& header, size_t at, const char* tag,
                            std::vector<std::pair<size_t, uint32_t>> words) {
+        Bytes f = Frame(header);
         std::memcpy(&f[at], tag, 4);
         for (const auto& [distance, v] : words)
             for (int k = 0; k < 4; ++k) f[at + distance + k] = uint8_t(v >> (24 - 8 * k));
@@ -412,21 +405,20 @@ TEST(DecStream, VbrHeadersAtTheirPlaces) {
         int result;
         int32_t frames, bytes, bitrate;
     };
+    // Xing with neither count is refused; with the frames alone, taken.
     std::vector<Case> cases = {
-        {tagged(Frame(kMpeg1), 36, "Xing", {{4, 0}}), 0, 0, 0, 0},  // neither count: refused
-        {tagged(Frame(kMpeg1), 36, "Xing", {{4, 1}, {8, 10}, {12, 77}}), 1, 10, 77,
-         0},  // frames alone
-        {tagged(Frame(kMpeg1), 36, "VBRI", {{10, 4000000}, {14, 9000}}), 1, 9000, 4000000, 0}};
+        {tagged(kMpeg1, 36, "Xing", {{4, 0}}), 0, 0, 0, 0},
+        {tagged(kMpeg1, 36, "Xing", {{4, 1}, {8, 10}, {12, 77}}), 1, 10, 77, 0},
+        {tagged(kMpeg1, 36, "VBRI", {{10, 4000000}, {14, 9000}}), 1, 9000, 4000000, 0}};
+    // MPEG-1 mono, stereo with CRC, MPEG-2 mono: at the Xing header's place, and a byte later.
     const Bytes headers[3] = {
         {0xFF, 0xFB, 0x90, 0xC4}, {0xFF, 0xFA, 0x90, 0x44}, {0xFF, 0xF3, 0x80, 0xC0}};
-    const size_t places[3] = {4 + 17, 4 + 2 + 32,
-                              4 + 9};  // MPEG-1 mono, stereo with CRC, MPEG-2 mono
+    const size_t places[3] = {4 + 17, 4 + 2 + 32, 4 + 9};
     for (int i = 0; i < 3; ++i) {
+        const std::vector<std::pair<size_t, uint32_t>> both = {{4, 3}, {8, 1234}, {12, 567890}};
+        cases.push_back({tagged(headers[i], places[i], "Xing", both), 1, 1234, 567890, 0});
         cases.push_back(
-            {tagged(Frame(headers[i]), places[i], "Xing", {{4, 3}, {8, 1234}, {12, 567890}}), 1,
-             1234, 567890, 0});
-        cases.push_back({tagged(Frame(headers[i]), places[i] + 1, "Xing", {{4, 3}}), 1, 0, 0,
-                         i == 2 ? 64000 : 128000});
+            {tagged(headers[i], places[i] + 1, "Xing", both), 1, 0, 0, i == 2 ? 64000 : 128000});
     }
     for (const Case& c : cases) {
         auto d = std::make_unique<CMP3Decoder>();
@@ -474,7 +466,7 @@ TEST(DecTables, EveryHuffmanCodeWordDecodesToItsValues) {
             }
         if (expected.empty()) continue;  // tables 4 and 14 have no code
         float out[576];
-        ReadFrom(*d, w.Padded());
+        ReadFrom(*d, w.bytes);
         if (table < 32)
             d->DecodeBigValues(out, int32_t(expected.size()), uint32_t(table));
         else
