@@ -18,7 +18,6 @@
 #include <immintrin.h>
 
 #include <cstddef>
-#include <cstring>
 
 #define AVX_CODE __attribute__((target("avx")))
 
@@ -126,56 +125,16 @@ AVX_CODE inline __m128i TruncateWide(__m256d s) {
     return _mm256_cvttpd_epi32(_mm256_min_pd(s, _mm256_set1_pd(32767.0)));
 }
 
-AVX_CODE inline __m128i ReverseWords(__m128i v) {
-    v = _mm_shufflelo_epi16(v, _MM_SHUFFLE(0, 1, 2, 3));
-    v = _mm_shufflehi_epi16(v, _MM_SHUFFLE(0, 1, 2, 3));
-    return _mm_shuffle_epi32(v, _MM_SHUFFLE(1, 0, 3, 2));
-}
-
-AVX_CODE inline void Store16(uint8_t* p, int v) {
-    // Only x86 runs this code, and it stores 16-bit values little-endian like the PCM block.
-    const uint16_t sample = static_cast<uint16_t>(v);
-    std::memcpy(p, &sample, sizeof sample);
-}
-
-AVX_CODE inline void StoreEightStrided(__m128i v, uint8_t* p, size_t step) {
-    Store16(p, _mm_extract_epi16(v, 0));
-    Store16(p + step, _mm_extract_epi16(v, 1));
-    Store16(p + 2 * step, _mm_extract_epi16(v, 2));
-    Store16(p + 3 * step, _mm_extract_epi16(v, 3));
-    Store16(p + 4 * step, _mm_extract_epi16(v, 4));
-    Store16(p + 5 * step, _mm_extract_epi16(v, 5));
-    Store16(p + 6 * step, _mm_extract_epi16(v, 6));
-    Store16(p + 7 * step, _mm_extract_epi16(v, 7));
-}
-
 // The 32 samples of one slot in order 0..31, stride samples apart.
 AVX_CODE inline void StorePcmWide(const WideSums& sums, uint8_t* pcm, int32_t stride) {
-    const __m128i first = _mm_packs_epi32(TruncateWide(sums.fwd[0]), TruncateWide(sums.fwd[1]));
-    const __m128i second = _mm_packs_epi32(TruncateWide(sums.fwd[2]), TruncateWide(sums.fwd[3]));
-    // (32, 31, ..., 25) and (24, 23, ..., 17), turned around.
-    const __m128i top =
-        ReverseWords(_mm_packs_epi32(TruncateWide(sums.bwd[0]), TruncateWide(sums.bwd[1])));
-    const __m128i upper =
-        ReverseWords(_mm_packs_epi32(TruncateWide(sums.bwd[2]), TruncateWide(sums.bwd[3])));
     const __m128i s16 =
         _mm_packs_epi32(_mm_cvttpd_epi32(_mm_min_pd(_mm_set_sd(sums.s16), _mm_set1_pd(32767.0))),
                         _mm_setzero_si128());
-    // Shifting by one sample makes room for 16 and 24 in front and drops the missing 32.
-    const __m128i third = _mm_insert_epi16(_mm_slli_si128(upper, 2), _mm_extract_epi16(s16, 0), 0);
-    const __m128i fourth = _mm_insert_epi16(_mm_slli_si128(top, 2), _mm_extract_epi16(upper, 7), 0);
-    if (stride == 1) {
-        _mm_storeu_si128(reinterpret_cast<__m128i*>(pcm), first);
-        _mm_storeu_si128(reinterpret_cast<__m128i*>(pcm + 16), second);
-        _mm_storeu_si128(reinterpret_cast<__m128i*>(pcm + 32), third);
-        _mm_storeu_si128(reinterpret_cast<__m128i*>(pcm + 48), fourth);
-        return;
-    }
-    const size_t step = 2 * static_cast<size_t>(stride);
-    StoreEightStrided(first, pcm, step);
-    StoreEightStrided(second, pcm + 8 * step, step);
-    StoreEightStrided(third, pcm + 16 * step, step);
-    StoreEightStrided(fourth, pcm + 24 * step, step);
+    SynthStorePcm(_mm_packs_epi32(TruncateWide(sums.fwd[0]), TruncateWide(sums.fwd[1])),
+                  _mm_packs_epi32(TruncateWide(sums.fwd[2]), TruncateWide(sums.fwd[3])),
+                  _mm_packs_epi32(TruncateWide(sums.bwd[0]), TruncateWide(sums.bwd[1])),
+                  _mm_packs_epi32(TruncateWide(sums.bwd[2]), TruncateWide(sums.bwd[3])), s16, pcm,
+                  stride);
 }
 
 }  // namespace

@@ -285,29 +285,10 @@ inline void StoreEightStrided(__m128i v, uint8_t* p, size_t step) {
     Store16(p + 7 * step, _mm_extract_epi16(v, 7));
 }
 
-// The 32 samples of one slot in order 0..31, stride samples apart.
 inline void StorePcm(const WindowSums& sums, uint8_t* pcm, int32_t stride) {
-    const __m128i first = ToPcm(sums.fwd);       // samples 0..7
-    const __m128i second = ToPcm(sums.fwd + 4);  // samples 8..15
-    // (32, 31, ..., 25) and (24, 23, ..., 17), turned around.
-    const __m128i top = ReverseWords(ToPcm(sums.bwd));        // 25..32
-    const __m128i upper = ReverseWords(ToPcm(sums.bwd + 4));  // 17..24
-    const __m128i s16 = _mm_packs_epi32(Truncate(_mm_set_sd(sums.s16)), _mm_setzero_si128());
-    // Shifting by one sample makes room for 16 and 24 in front and drops the missing 32.
-    const __m128i third = _mm_insert_epi16(_mm_slli_si128(upper, 2), _mm_extract_epi16(s16, 0), 0);
-    const __m128i fourth = _mm_insert_epi16(_mm_slli_si128(top, 2), _mm_extract_epi16(upper, 7), 0);
-    if (stride == 1) {
-        _mm_storeu_si128(reinterpret_cast<__m128i*>(pcm), first);
-        _mm_storeu_si128(reinterpret_cast<__m128i*>(pcm + 16), second);
-        _mm_storeu_si128(reinterpret_cast<__m128i*>(pcm + 32), third);
-        _mm_storeu_si128(reinterpret_cast<__m128i*>(pcm + 48), fourth);
-        return;
-    }
-    const size_t step = 2 * static_cast<size_t>(stride);
-    StoreEightStrided(first, pcm, step);
-    StoreEightStrided(second, pcm + 8 * step, step);
-    StoreEightStrided(third, pcm + 16 * step, step);
-    StoreEightStrided(fourth, pcm + 24 * step, step);
+    SynthStorePcm(ToPcm(sums.fwd), ToPcm(sums.fwd + 4), ToPcm(sums.bwd), ToPcm(sums.bwd + 4),
+                  _mm_packs_epi32(Truncate(_mm_set_sd(sums.s16)), _mm_setzero_si128()), pcm,
+                  stride);
 }
 
 void SynthWindowToPcmSse2(const float ring[512], uint32_t offset, uint8_t* pcm, int32_t stride) {
@@ -336,6 +317,30 @@ WindowToPcm ChosenWindowing() {
 }
 
 }  // namespace
+
+#if !defined(QUORBEL_SYNTH_SCALAR)
+void SynthStorePcm(__m128i first, __m128i second, __m128i back, __m128i upper, __m128i s16,
+                   uint8_t* pcm, int32_t stride) {
+    const __m128i top = ReverseWords(back);      // 25..32
+    const __m128i rising = ReverseWords(upper);  // 17..24
+    // Shifting by one sample makes room for 16 and 24 in front and drops the missing 32.
+    const __m128i third = _mm_insert_epi16(_mm_slli_si128(rising, 2), _mm_extract_epi16(s16, 0), 0);
+    const __m128i fourth =
+        _mm_insert_epi16(_mm_slli_si128(top, 2), _mm_extract_epi16(rising, 7), 0);
+    if (stride == 1) {
+        _mm_storeu_si128(reinterpret_cast<__m128i*>(pcm), first);
+        _mm_storeu_si128(reinterpret_cast<__m128i*>(pcm + 16), second);
+        _mm_storeu_si128(reinterpret_cast<__m128i*>(pcm + 32), third);
+        _mm_storeu_si128(reinterpret_cast<__m128i*>(pcm + 48), fourth);
+        return;
+    }
+    const size_t step = 2 * static_cast<size_t>(stride);
+    StoreEightStrided(first, pcm, step);
+    StoreEightStrided(second, pcm + 8 * step, step);
+    StoreEightStrided(third, pcm + 16 * step, step);
+    StoreEightStrided(fourth, pcm + 24 * step, step);
+}
+#endif
 
 void SynthMatrix(const float x[32], float ring[512], uint32_t offset) {
     Dct32(x, ring + (offset & kSlotMask));

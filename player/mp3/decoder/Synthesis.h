@@ -24,3 +24,14 @@ void SynthesizeSlots(const float slots[18][32], float ring[512], uint32_t* offse
 // The AVX windowing (SynthWindowWide.cpp), in the auto build only; Synthesis.cpp calls it only
 // where the processor has AVX.
 void SynthWindowToPcmAvx(const float ring[512], uint32_t offset, uint8_t* pcm, int32_t stride);
+
+#if !defined(QUORBEL_SYNTH_SCALAR)
+#include <emmintrin.h>
+
+// Stores the 32 clipped 16-bit samples of one slot in order, stride samples apart: first holds
+// samples 0..7, second 8..15, back 32..25 and upper 24..17 (the last two as the windowing forms
+// them, backwards), and lane 0 of s16 sample 16. SSE2, for both windowings: the AVX unit calls it
+// rather than carry a copy.
+void SynthStorePcm(__m128i first, __m128i second, __m128i back, __m128i upper, __m128i s16,
+                   uint8_t* pcm, int32_t stride);
+#endif
