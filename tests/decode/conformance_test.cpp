@@ -20,7 +20,7 @@ struct Stream {
     int maxDiff;
     double rms;
     int channels, rate;
-};  // measured by an independent reading
+};
 const Stream kStreams[] = {
     {"l3-compl", 1, 0.71, 1, 48000},
     {"l3-he_32khz", 1, 0.70, 1, 32000},
@@ -37,11 +37,8 @@ const Stream kStreams[] = {
     {"M2L3_compl24", 101, 1.47, 1, 24000},
     {"M2L3_noise", 6697, 1327, 2, 22050},  // noise up to the top of the band
 };
-void PrintTo(const Stream& s, std::ostream* os) {
-    *os << s.name;
-}
-
 class Conformance : public ::testing::TestWithParam<Stream> {};
+
 TEST_P(Conformance, MatchesTheNegatedReferenceWithinItsFigures) {
     const Stream& s = GetParam();
     const std::string base = std::string(QUORBEL_SHARED_DATA_DIR) + "/conformance/" + s.name;

@@ -57,9 +57,10 @@ struct Diff {
 inline Diff Negated(const int16_t* ours, const int16_t* reference, size_t n) {
     Diff diff;
     double sum = 0;
-    for (size_t i = 0; i < n; ++i)
-        diff.max = std::max(diff.max, std::abs(ours[i] + reference[i])),
+    for (size_t i = 0; i < n; ++i) {
+        diff.max = std::max(diff.max, std::abs(ours[i] + reference[i]));
         sum += double(ours[i] + reference[i]) * (ours[i] + reference[i]);
+    }
     diff.rms = n ? std::sqrt(sum / double(n)) : 0.0;
     return diff;
 }
@@ -74,6 +75,7 @@ inline int Shell(const std::string& command, std::string* output) {
     const int status = pipe ? pclose(pipe) : -1;
     return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
 }
+// The tests' paths hold no quote.
 inline std::string Quote(const std::string& s) {
     return "'" + s + "'";
-}  // the tests' paths hold no quote
+}

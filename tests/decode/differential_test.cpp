@@ -22,29 +22,18 @@ const Material kMaterials[] = {
     {16000, 2, 2, "-b 48 -m j"},  {11025, 1, 3, "-b 24 -m m"},  {8000, 2, 3, "-b 16 -m s"},
     {11025, 2, 3, "-V 5 -m j"},   {8000, 1, 3, "-V 6 -m m"},
 };
-std::string Name(const Material& m) {
-    std::string name = std::to_string(m.rate);
-    for (const char* c = m.lame; *c; ++c)
-        if (*c != '-') name += *c == ' ' ? '_' : *c;
-    return name;
-}
-void PrintTo(const Material& m, std::ostream* os) {
-    *os << Name(m);
+::testing::AssertionResult Sh(const std::string& command) {
+    std::string output;
+    const int status = Shell(command, &output);
+    if (status == 0) return ::testing::AssertionSuccess();
+    return ::testing::AssertionFailure() << command << "\nexit " << status << "\n" << output;
 }
 
-class Differential : public ::testing::TestWithParam<Material> {
-protected:
-    ::testing::AssertionResult Sh(const std::string& command) {
-        std::string output;
-        const int status = Shell(command, &output);
-        if (status == 0) return ::testing::AssertionSuccess();
-        return ::testing::AssertionFailure() << command << "\nexit " << status << "\n" << output;
-    }
-    test_support::TempFolder dir;
-};
+class Differential : public ::testing::TestWithParam<Material> {};
 
 TEST_P(Differential, AgreesWithFfmpegWithinOne) {
     const Material& m = GetParam();
+    const test_support::TempFolder dir;
     const std::string wav = dir.Path("sound.wav"), mp3 = dir.Path("sound.mp3"),
                       raw = dir.Path("ffmpeg.raw");
     // Tones at 3, 11 and 37% of the band, apart in left and right, then attacks that make the
@@ -74,10 +63,9 @@ TEST_P(Differential, AgreesWithFfmpegWithinOne) {
     EXPECT_TRUE(ours.info.outSampleRate == m.rate && ours.info.outChannels == m.channels &&
                 int(ours.info.version) == m.version);
     EXPECT_EQ(ours.skipped, 0u);  // lame never refers back past the reservoir it starts with
-    if (m.lame[1] == 'V') {       // the Xing frame counts the frames after it
+    if (m.lame[1] == 'V')         // the Xing frame counts the frames after it
         EXPECT_TRUE(ours.info.bitrate == 0 && size_t(ours.info.totalFrames) + 1 >= ours.frames &&
                     size_t(ours.info.totalFrames) <= ours.frames);
-    }
     // The material reaches what it is meant to: short blocks; mid/side in joint stereo.
     EXPECT_TRUE(ours.shortGranules > 0 &&
                 (ours.msFrames > 0 || std::string(m.lame).find("-m j") == std::string::npos));
@@ -103,7 +91,13 @@ TEST_P(Differential, AgreesWithFfmpegWithinOne) {
     EXPECT_TRUE(diff.max == 1 && std::fabs(diff.rms - 0.707) < 0.05) << diff.max << " " << diff.rms;
 }
 
+// Named by rate and lame's options: 44100_b_128_m_s.
 INSTANTIATE_TEST_SUITE_P(Materials, Differential, ::testing::ValuesIn(kMaterials),
-                         [](const auto& info) { return Name(info.param); });
+                         [](const auto& info) {
+                             std::string name = std::to_string(info.param.rate);
+                             for (const char* c = info.param.lame; *c; ++c)
+                                 if (*c != '-') name += *c == ' ' ? '_' : *c;
+                             return name;
+                         });
 
 }  // namespace

@@ -92,6 +92,7 @@ int32_t Line(const float* lines, int i) {
 // i0^(p / 2) for even p, i0 = 2^-(scale + 1) / 4; under mid/side both are sqrt 2 larger (such
 // frames' gain is 2 lower); the illegal position leaves the band alone, R := L under mid/side.
 struct Mode {
+    const char* name;
     int version;
     bool ms;
     int scale;
@@ -185,14 +186,11 @@ TEST_P(DecIntensity, ShortBlocksPerWindow) {
     ExpectPosition(56, 0, 1);
 }
 
-INSTANTIATE_TEST_SUITE_P(Modes, DecIntensity,
-                         ::testing::Values(Mode{1, false, 0}, Mode{1, true, 0}, Mode{2, false, 0},
-                                           Mode{2, true, 0}, Mode{2, false, 1}, Mode{2, true, 1}),
-                         [](const auto& i) {
-                             return "Mpeg" + std::to_string(i.param.version) +
-                                    (i.param.ms ? "MidSide" : "") + "Scale" +
-                                    std::to_string(i.param.scale);
-                         });
+const Mode kModes[] = {{"Mpeg1", 1, false, 0},       {"Mpeg1MidSide", 1, true, 0},
+                       {"Mpeg2Scale0", 2, false, 0}, {"Mpeg2MidSideScale0", 2, true, 0},
+                       {"Mpeg2Scale1", 2, false, 1}, {"Mpeg2MidSideScale1", 2, true, 1}};
+INSTANTIATE_TEST_SUITE_P(Modes, DecIntensity, ::testing::ValuesIn(kModes),
+                         [](const auto& i) { return std::string(i.param.name); });
 
 // MPEG-2 scale factors: the right channel of an intensity frame splits scalefac_compress by its
 // own rule into band groups and lengths, which it leaves for the stereo stage; the left channel
@@ -438,18 +436,16 @@ TEST(DecTables, EveryHuffmanCodeWordDecodesToItsValues) {
     const int kLinbits[16] = {1, 2, 3, 4, 6, 8, 10, 13, 4, 5, 6, 7, 8, 9, 11, 13};  // tables 16..31
     auto d = Started(kMpeg1);
     for (int table = 1; table < 34; ++table) {  // 32, 33: count1 tables A and B
-        const int base = table >= 24   ? 24
-                         : table >= 16 ? 16
-                                       : table,
-                  linbits = table >= 16 && table < 32 ? kLinbits[table - 16] : 0;
+        const int base = table < 16 ? table : table < 24 ? 16 : 24;
+        const int linbits = table >= 16 && table < 32 ? kLinbits[table - 16] : 0;
         BitWriter w;
         std::vector<int> expected;
         for (int x = 0; x < 16; ++x)
             for (int y = 0; y < (table < 32 ? 16 : 1); ++y) {
+                const std::string xs = std::to_string(x);
                 const std::string code =
-                    Code(table < 32 ? std::to_string(base) + " " + std::to_string(x) + " " +
-                                          std::to_string(y)
-                                    : std::string(table == 32 ? "A " : "B ") + std::to_string(x));
+                    Code(table < 32 ? std::to_string(base) + " " + xs + " " + std::to_string(y)
+                                    : (table == 32 ? "A " : "B ") + xs);
                 if (code.empty()) continue;
                 w.PutCode(code);
                 const std::vector<int> values =
@@ -512,11 +508,7 @@ TEST(DecTables, BandsAndSynthesisWindowFollowTheirFiles) {
 // ---- The conversion of the window sums to PCM, through the windowing this build has: truncated
 // toward zero (the conformance figures see rounding only as an average), clipped to 16 bits,
 // little-endian, at the channel's own positions only. The sums are formed here from the stored
-// window as the windowing defines them (exact double products, in its order), so that every
-// sample is known exactly; ring values from tiny to huge reach fractions of both signs and both clips.
-// Sample k of the slot at o: per m, samples i = 0..15 take ring[o + 16 + i + 64m] x W[16i + 2m]
-// less ring[o + 48 - i + 64m] x W[16i + 2m + 1]; sample 32 - i takes the same two values times
-// W[16i + 15 - 2m] and W[16i + 14 - 2m]; sample 16 takes ring[o + 32 + 64m] x W[256 + m].
+// window in the windowing's order with exact double products, so every sample is known exactly.
 double WindowSum(const float* ring, uint32_t o, int k) {
     const float* w = SynthWindow + 16 * (k <= 16 ? k : 32 - k);
     double sum = 0;
@@ -524,9 +516,13 @@ double WindowSum(const float* ring, uint32_t o, int k) {
         const double a = ring[(o + 16 + i + 64 * m) & 511], b = ring[(o + 48 - i + 64 * m) & 511];
         if (k == 16)
             sum += double(SynthWindow[256 + m]) * ring[(o + 32 + 64 * m) & 511];
-        else
-            sum += k < 16 ? a * w[2 * m] : a * w[15 - 2 * m],
-                sum += k < 16 ? -(b * w[2 * m + 1]) : b * w[14 - 2 * m];
+        else if (k < 16) {
+            sum += a * w[2 * m];
+            sum -= b * w[2 * m + 1];
+        } else {
+            sum += a * w[15 - 2 * m];
+            sum += b * w[14 - 2 * m];
+        }
     }
     return sum;
 }
