@@ -7,18 +7,14 @@
 
 namespace {
 
-const uint32_t kVersionReserved = 1;
-const uint32_t kVersionMpeg1 = 3;
-const uint32_t kLayerBitsReserved = 0;
-const uint32_t kLayerBitsLayer2 = 2;
-const uint32_t kLayerBitsLayer1 = 3;
-const uint32_t kModeSingleChannel = 3;
-const uint32_t kEmphasisReserved = 2;
+// Values of the frame header's fields, as the header bits code them.
+enum : uint32_t { kVersionReserved = 1, kVersionMpeg1 = 3 };
+enum : uint32_t { kLayerBitsReserved = 0, kLayerBitsLayer2 = 2, kLayerBitsLayer1 = 3 };
+enum : uint32_t { kModeSingleChannel = 3, kEmphasisReserved = 2 };
 
-const uint32_t kId3v2HeaderBytes = 10;
-const uint32_t kId3v2FooterBytes = 10;
-const uint32_t kId3v1TagBytes = 128;
-const uint32_t kHeaderBytes = 4;
+// Sizes in bytes.
+enum : uint32_t { kId3v2HeaderBytes = 10, kId3v2FooterBytes = 10, kId3v1TagBytes = 128 };
+enum : uint32_t { kHeaderBytes = 4 };
 
 uint32_t VersionBits(const uint8_t* h) {
     return (h[1] >> 3) & 3u;

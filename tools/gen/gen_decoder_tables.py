@@ -28,27 +28,31 @@ LINBITS = {16: 1, 17: 2, 18: 3, 19: 4, 20: 6, 21: 8, 22: 10, 23: 13,
            24: 4, 25: 5, 26: 6, 27: 7, 28: 8, 29: 9, 30: 11, 31: 13}
 
 
-def read_huffman(path):
-    tables, count1 = {}, {}
-    current = None
+def data_lines(path):
+    """The words of each line of a reference data file, comments and blank lines left out."""
     with open(path) as f:
         for raw in f:
             line = raw.split('#', 1)[0].strip()
-            if not line:
-                continue
-            words = line.split()
-            if words[0] == 'table':
-                current = tables.setdefault(int(words[1]), [])
-            elif words[0] == 'count1':
-                current = count1.setdefault(words[1], [])
-            elif len(words) == 4:
-                x, y, length, code = int(words[0]), int(words[1]), int(words[2]), words[3]
-                assert len(code) == length
-                current.append((x, y, code))
-            else:
-                value, length, code = int(words[0], 2), int(words[1]), words[2]
-                assert len(code) == length
-                current.append((value, code))
+            if line:
+                yield line.split()
+
+
+def read_huffman(path):
+    tables, count1 = {}, {}
+    current = None
+    for words in data_lines(path):
+        if words[0] == 'table':
+            current = tables.setdefault(int(words[1]), [])
+        elif words[0] == 'count1':
+            current = count1.setdefault(words[1], [])
+        elif len(words) == 4:
+            x, y, length, code = int(words[0]), int(words[1]), int(words[2]), words[3]
+            assert len(code) == length
+            current.append((x, y, code))
+        else:
+            value, length, code = int(words[0], 2), int(words[1]), words[2]
+            assert len(code) == length
+            current.append((value, code))
     return tables, count1
 
 
@@ -175,16 +179,11 @@ def write_huffman(tables, count1, out_path):
 
 def read_bands(path):
     rows = []
-    with open(path) as f:
-        for raw in f:
-            line = raw.split('#', 1)[0].strip()
-            if not line:
-                continue
-            words = line.split()
-            if words[0] == 'rate':
-                rows.append({'rate': int(words[1])})
-            else:
-                rows[-1][words[0]] = [int(w) for w in words[1:]]
+    for words in data_lines(path):
+        if words[0] == 'rate':
+            rows.append({'rate': int(words[1])})
+        else:
+            rows[-1][words[0]] = [int(w) for w in words[1:]]
     assert len(rows) == 9
     for row in rows:
         assert len(row['long']) == 23 and len(row['short']) == 14

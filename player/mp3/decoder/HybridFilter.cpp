@@ -194,17 +194,7 @@ void LoadColumns(const float* rows, FloatLanes v[18]) {
 }
 
 void StoreColumns(const FloatLanes v[18], float* rows) {
-    for (int k = 0; k < 16; k += 4) {
-        __m128 r0 = v[k].v;
-        __m128 r1 = v[k + 1].v;
-        __m128 r2 = v[k + 2].v;
-        __m128 r3 = v[k + 3].v;
-        TransposeLanes(r0, r1, r2, r3);
-        _mm_storeu_ps(rows + k, r0);
-        _mm_storeu_ps(rows + 18 + k, r1);
-        _mm_storeu_ps(rows + 36 + k, r2);
-        _mm_storeu_ps(rows + 54 + k, r3);
-    }
+    for (int k = 0; k < 16; k += 4) StoreTransposed(v + k, rows + k, 18);
     // (a16, a17, b16, b17) and (c16, c17, d16, d17).
     const __m128 ab = _mm_unpacklo_ps(v[16].v, v[17].v);
     const __m128 cd = _mm_unpackhi_ps(v[16].v, v[17].v);

@@ -51,60 +51,48 @@ void CMP3Decoder::ReadScaleFactorsMpeg1(uint32_t gr, uint32_t ch) {
     }
 }
 
+namespace {
+
+// The rows of MPEG-2's scalefac_compress: where each starts, and the radices of the lengths
+// slen[1..3] within it (0: no such length), slen[0] taking what is left. Rows 0 to 2 serve a
+// channel without intensity, 3 to 5 the right channel of an intensity frame.
+struct CompressRow {
+    uint32_t start;
+    uint32_t radix[4];
+};
+const CompressRow kCompressRows[6] = {
+    {0, {0, 5, 4, 4}}, {400, {0, 5, 4, 0}}, {500, {0, 3, 0, 0}},
+    {0, {0, 6, 6, 0}}, {180, {0, 4, 4, 0}}, {244, {0, 3, 0, 0}},
+};
+
+}  // namespace
+
 void CMP3Decoder::ReadScaleFactorsMpeg2(uint32_t gr, uint32_t ch) {
     GranuleSideInfo& g = GranuleInfo[gr][ch];
     ScaleFactorSet& sf = ScaleFactors[gr][ch];
     const uint32_t sfc = g.scalefac_compress;
     const bool isRight = IntensityStereo && ch == 1;
 
+    // The row of the code (the right channel of an intensity frame codes half the value by
+    // rows of its own), then the lengths as the digits of the code's offset in the row.
+    const uint32_t code = isRight ? sfc >> 1 : sfc;
+    int t = isRight ? 3 : 0;
+    while (t % 3 < 2 && code >= kCompressRows[t + 1].start) ++t;
+    const CompressRow& row = kCompressRows[t];
     uint32_t slen[4] = {0, 0, 0, 0};
-    int t;
-    uint32_t preflag = 0;
-    if (!isRight) {
-        if (sfc < 400) {
-            slen[0] = (sfc >> 4) / 5;
-            slen[1] = (sfc >> 4) % 5;
-            slen[2] = (sfc % 16) >> 2;
-            slen[3] = sfc % 4;
-            t = 0;
-        } else if (sfc < 500) {
-            const uint32_t x = sfc - 400;
-            slen[0] = (x >> 2) / 5;
-            slen[1] = (x >> 2) % 5;
-            slen[2] = x % 4;
-            t = 1;
-        } else {
-            const uint32_t x = sfc - 500;
-            slen[0] = x / 3;
-            slen[1] = x % 3;
-            t = 2;
-            preflag = 1;
-            // Mixed rows split the standard's first group (six long bands and three short ones,
-            // all with the first length) into group 0 and group 1, so the lengths move up.
-            if (g.mixed_block_flag) {
-                slen[1] = x / 3;
-                slen[2] = x % 3;
-            }
-        }
-    } else {
-        const uint32_t i = sfc >> 1;
-        if (i < 180) {
-            slen[0] = i / 36;
-            slen[1] = (i % 36) / 6;
-            slen[2] = (i % 36) % 6;
-            t = 3;
-        } else if (i < 244) {
-            const uint32_t x = i - 180;
-            slen[0] = x >> 4;
-            slen[1] = (x % 16) >> 2;
-            slen[2] = x % 4;
-            t = 4;
-        } else {
-            const uint32_t x = i - 244;
-            slen[0] = x / 3;
-            slen[1] = x % 3;
-            t = 5;
-        }
+    uint32_t x = code - row.start;
+    for (int k = 3; k > 0; --k) {
+        if (row.radix[k] == 0) continue;
+        slen[k] = x % row.radix[k];
+        x /= row.radix[k];
+    }
+    slen[0] = x;
+    const uint32_t preflag = t == 2 ? 1 : 0;
+    // Mixed rows split the standard's first group (six long bands and three short ones, all
+    // with the first length) into group 0 and group 1, so the lengths move up.
+    if (t == 2 && g.mixed_block_flag) {
+        slen[2] = slen[1];
+        slen[1] = slen[0];
     }
 
     const int b = g.block_type != 2 ? 0 : (g.mixed_block_flag ? 2 : 1);

@@ -11,6 +11,26 @@ namespace {
 // The right channel's spectrum lies two granule slots after the left one's.
 constexpr int32_t kRightOffset = 2 * 576;
 
+// Intensity on long blocks: from the band above the right channel's highest (maxR) up to band
+// 20, each line of the left channel split between the two by its band's factors, until the
+// left channel's n lines run out.
+template <class FactorsOf>
+void SplitLongBands(float* left, float* right, const int32_t* bandEnd, const int32_t* bandWidth,
+                    int32_t maxR, int32_t n, FactorsOf factorsOf) {
+    int32_t pos = bandEnd[maxR];
+    int32_t linesLeft = n - pos;
+    for (int32_t sfb = maxR + 1; sfb <= 20; ++sfb) {
+        const FactorPair k = factorsOf(sfb);
+        for (int32_t i = 0; i < bandWidth[sfb]; ++i) {
+            if (linesLeft - 1 < 0) return;
+            --linesLeft;
+            right[pos] = k.b * left[pos];
+            left[pos] = k.a * left[pos];
+            ++pos;
+        }
+    }
+}
+
 }  // namespace
 
 void CMP3Decoder::ProcessStereo(const MP3FrameHeader& header, uint32_t gr) {
@@ -64,16 +84,8 @@ void CMP3Decoder::ProcessIntensityMpeg1(float* left, const ScaleFactorSet& sfR,
     auto factors = [t](uint32_t p) { return t[p > 7 ? 7 : p]; };
 
     if (!shortR) {
-        for (int32_t sfb = maxR + 1; sfb <= 20; ++sfb) {
-            const FactorPair k = factors(sfR.longSf[sfb]);
-            for (int32_t i = 0; i < BandWidth[0][sfb]; ++i) {
-                if (linesLeft - 1 < 0) return;
-                --linesLeft;
-                right[pos] = k.b * left[pos];
-                left[pos] = k.a * left[pos];
-                ++pos;
-            }
-        }
+        SplitLongBands(left, right, BandEnd[0], BandWidth[0], maxR, n,
+                       [&](int32_t sfb) { return factors(sfR.longSf[sfb]); });
         return;
     }
     for (int32_t sfb = maxR + 1; sfb <= 11; ++sfb) {
@@ -109,19 +121,8 @@ void CMP3Decoder::ProcessIntensityMpeg2(float* left, const ScaleFactorSet& sfR,
     auto factors = [t, &illegal](int32_t sfb, uint32_t p) { return t[(illegal[sfb] + p) & 63]; };
 
     if (!(info[1][kBandHasShort] & 1)) {
-        const int32_t maxR = info[1][kBandMax];
-        int32_t pos = BandEnd[0][maxR];
-        int32_t linesLeft = n - pos;
-        for (int32_t sfb = maxR + 1; sfb <= 20; ++sfb) {
-            const FactorPair k = factors(sfb, sfR.longSf[sfb]);
-            for (int32_t i = 0; i < BandWidth[0][sfb]; ++i) {
-                if (linesLeft - 1 < 0) return;
-                --linesLeft;
-                right[pos] = k.b * left[pos];
-                left[pos] = k.a * left[pos];
-                ++pos;
-            }
-        }
+        SplitLongBands(left, right, BandEnd[0], BandWidth[0], info[1][kBandMax], n,
+                       [&](int32_t sfb) { return factors(sfb, sfR.longSf[sfb]); });
         return;
     }
     // Each window on its own, from above the right channel's highest band of that window up to

@@ -147,17 +147,7 @@ void SynthMatrix4(const float slots[][32], float u[4][32]) {
     }
     FloatLanes r[32];
     Dct32(x, r);
-    for (int k = 0; k < 32; k += 4) {
-        __m128 r0 = r[k].v;
-        __m128 r1 = r[k + 1].v;
-        __m128 r2 = r[k + 2].v;
-        __m128 r3 = r[k + 3].v;
-        TransposeLanes(r0, r1, r2, r3);
-        _mm_store_ps(&u[0][k], r0);
-        _mm_store_ps(&u[1][k], r1);
-        _mm_store_ps(&u[2][k], r2);
-        _mm_store_ps(&u[3][k], r3);
-    }
+    for (int k = 0; k < 32; k += 4) StoreTransposed(r + k, &u[0][k], 32);
 }
 
 // The window sums of one slot, kept in registers as lanes of two samples each:
