@@ -11,7 +11,7 @@
 
 namespace {
 
-using test_support::Bytes;
+using namespace test_support;
 const std::string kConformance = std::string(QUORBEL_SHARED_DATA_DIR) + "/conformance/";
 
 class QuorbelDecode : public ::testing::Test {
@@ -21,7 +21,7 @@ protected:
             "cd " + Quote(dir.Path("")) + " && " + Quote(QUORBEL_DECODE_PATH) + " " + arguments,
             &output);
     }
-    test_support::TempFolder dir;
+    TempFolder dir;
     std::string output;
 };
 
@@ -29,25 +29,23 @@ TEST_F(QuorbelDecode, WritesTheWalksPcmAsWavOrRaw) {
     const std::string in = kConformance + "M2L3_noise.bit";  // 22.05 kHz stereo
     ASSERT_TRUE(Tool(Quote(in) + " out.wav") == 0 && Tool("--raw " + Quote(in) + " out.raw") == 0)
         << output;
-    const Bytes raw = test_support::ReadFile(dir.Path("out.raw"));
+    const Bytes raw = ReadFile(dir.Path("out.raw"));
     Walked walk;
     ASSERT_TRUE(Walk(in, &walk));
     EXPECT_TRUE(Samples(raw) == walk.pcm);
-    using test_support::Chunk;
-    EXPECT_TRUE(test_support::ReadFile(dir.Path("out.wav")) ==
-                test_support::Riff(Chunk("fmt ", test_support::FmtBody(1, 2, 22050, 16)) +
-                                   Chunk("data", raw)));
+    EXPECT_TRUE(ReadFile(dir.Path("out.wav")) ==
+                Riff(Chunk("fmt ", FmtBody(1, 2, 22050, 16)) + Chunk("data", raw)));
 }
 
 TEST_F(QuorbelDecode, ExitCodesForWhatItCannotDo) {
     // MPEG-1 Layer II frames: the scanner takes them, the decoder's start does not.
-    ASSERT_TRUE(test_support::WriteFile(
-        dir.Path("layer2.mp3"), test_support::MpegFrames(Bytes("\xFF\xFD\x90\x00", 4), 522, 4)));
+    ASSERT_TRUE(
+        WriteFile(dir.Path("layer2.mp3"), MpegFrames(Bytes("\xFF\xFD\x90\x00", 4), 522, 4)));
     EXPECT_TRUE(Tool("missing.mp3 out.wav") == 1 &&
                 output.find("cannot play missing.mp3") != std::string::npos)
         << output;
     EXPECT_TRUE(Tool("layer2.mp3 out.wav") == 1 && !std::filesystem::exists(dir.Path("out.wav")));
-    const Bytes log = test_support::ReadFile(dir.Path("quorbel.log"));
+    const Bytes log = ReadFile(dir.Path("quorbel.log"));
     EXPECT_TRUE(log.find("[tools/quorbel-decode:") != Bytes::npos &&
                 log.find("]file(missing.mp3),open failed\n") != Bytes::npos &&
                 log.find("]file(layer2.mp3),decoder start failed\n") != Bytes::npos)
@@ -60,16 +58,15 @@ TEST_F(QuorbelDecode, ExitCodesForWhatItCannotDo) {
 TEST_F(QuorbelDecode, TheWalksEndsSkippedAndCutFrames) {
     // 24-byte frames with 11 bytes of main data: frame 12 pointing 255 bytes back reaches past
     // the reservoir; frame 30 is cut after its header.
-    Bytes stream =
-        test_support::ReadFile(kConformance + "M2L3_bitrate_24_all.bit").substr(0, 30 * 24 + 10);
+    Bytes stream = ReadFile(kConformance + "M2L3_bitrate_24_all.bit").substr(0, 30 * 24 + 10);
     ASSERT_EQ(stream.substr(12 * 24, 2), "\xFF\xF3");
     stream[12 * 24 + 4] = '\xFF';
-    ASSERT_TRUE(test_support::WriteFile(dir.Path("patched.mp3"), stream));
+    ASSERT_TRUE(WriteFile(dir.Path("patched.mp3"), stream));
     ASSERT_EQ(Tool("--verbose --raw patched.mp3 out.raw"), 0) << output;
     EXPECT_NE(output.find("ended at the frame at offset 720, refused with code 5"),
               std::string::npos)
         << output;
-    const std::vector<int16_t> pcm = Samples(test_support::ReadFile(dir.Path("out.raw")));
+    const std::vector<int16_t> pcm = Samples(ReadFile(dir.Path("out.raw")));
     ASSERT_EQ(pcm.size(), 30u * 576);
     const auto frame = [&](size_t i) {
         return std::vector<int16_t>(&pcm[i * 576], &pcm[i * 576] + 576);
