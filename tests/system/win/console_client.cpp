@@ -1,27 +1,22 @@
-// A client of the server for the system tests, driven over standard input and output: one
-// command a line, fields separated by tabs, one answer line a command, flushed at once.
-//   window / front                make our hidden window (answers its handle, 0x%08X) / bring it
-//                                 to the front (1 when it is in front)
+// A client of the server for the system tests: one command a line on standard input, fields
+// separated by tabs, one answer line each. A send answers 1 once the server has carried it out.
+//   window / front / find         make our hidden window / bring it to the front (1 if so) / the
+//                                 server's window (handles as 0x%08X)
 //   send FLAGS NAME...            a request from our window (0 before "window"), FLAGS in hex
 //   sendas HANDLE FLAGS NAME...   a request that names HANDLE (hex) as its client
 //   raw DWDATA HEX                a block of exactly these bytes with this dwData (hex)
-//   wait MS / quit                handle our window's messages for MS milliseconds / end
-//   find / close                  the server's window handle / post WM_CLOSE to it (1 if found)
-//   handles                       "pid P event T types TYPE:N ...": the server's process id, the
-//                                 object type number of an event, the server's handles by type
-//   replace SOURCE TARGET         MoveFileEx(SOURCE, TARGET, MOVEFILE_REPLACE_EXISTING); and
-//   truncate FILE BYTES           cutting FILE as a Windows program would: "done" or "refused STEP CODE"
-// A send answers 1 when the server took the request, once it has carried it out: a stop answers
-// after the stopped sound has played out. Standard input is read on a thread of its own and the
-// commands are carried out on the main thread, which handles the window's messages between them:
-// a client busy answering still has a live window.
+//   wait MS / close / quit        handle our messages for MS ms / post WM_CLOSE to the server / end
+//   handles                       "pid P event T types TYPE:N ...": the server's handles by type
+//   replace SOURCE TARGET         MoveFileEx(..., MOVEFILE_REPLACE_EXISTING); and cutting a FILE
+//   truncate FILE                 to nothing as a Windows program would: "done" or "refused STEP CODE"
+// Standard input is read on a thread of its own: the main thread, which carries the commands out,
+// handles the window's messages between them, so a busy client has a live window.
 
 #include <windows.h>
 
 #include <cstddef>
 #include <cstdio>
 #include <cstdlib>
-#include <deque>
 #include <iostream>
 #include <map>
 #include <sstream>
@@ -35,22 +30,18 @@ namespace {
 const UINT WM_COMMAND_READY = WM_APP + 1;
 const DWORD kSendTimeoutMs = 120000;  // a stop of many plays drains them one after another
 
-CRITICAL_SECTION g_lock;
-std::deque<std::string> g_lines;  // under g_lock
 DWORD g_mainThread = 0;
 HWND g_hWnd = nullptr;
 
 DWORD WINAPI ReadInput(LPVOID) {
     std::string line;
-    bool more = true;
-    while (more) {
-        more = static_cast<bool>(std::getline(std::cin, line));
+    while (std::getline(std::cin, line)) {
         if (!line.empty() && line.back() == '\r') line.pop_back();
-        EnterCriticalSection(&g_lock);
-        g_lines.push_back(more ? line : "quit");
-        LeaveCriticalSection(&g_lock);
-        PostThreadMessageA(g_mainThread, WM_COMMAND_READY, 0, 0);
+        PostThreadMessageA(g_mainThread, WM_COMMAND_READY, 0,
+                           reinterpret_cast<LPARAM>(new std::string(line)));
     }
+    PostThreadMessageA(g_mainThread, WM_COMMAND_READY, 0,
+                       reinterpret_cast<LPARAM>(new std::string("quit")));
     return 0;
 }
 
@@ -70,13 +61,10 @@ std::string Refused(const char* step) {
 
 std::string SendCopyData(ULONG_PTR dwData, const void* data, DWORD size) {
     COPYDATASTRUCT cds = {dwData, size, const_cast<void*>(data)};
-    DWORD_PTR result = 0;
-    return SendMessageTimeoutA(CQuorbelClient::FindServer(), WM_COPYDATA, 0,
-                               reinterpret_cast<LPARAM>(&cds), SMTO_NORMAL, kSendTimeoutMs,
-                               &result) != 0 &&
-                   result != 0
-               ? "1"
-               : "0";
+    DWORD_PTR taken = 0;
+    SendMessageTimeoutA(CQuorbelClient::FindServer(), WM_COPYDATA, 0,
+                        reinterpret_cast<LPARAM>(&cds), SMTO_NORMAL, kSendTimeoutMs, &taken);
+    return taken != 0 ? "1" : "0";
 }
 
 std::string Send(LONG client, const std::vector<std::string>& fields, size_t first) {
@@ -89,12 +77,15 @@ std::string Send(LONG client, const std::vector<std::string>& fields, size_t fir
         block.Data(), block.Size());
 }
 
+// Our commands wait in the queue: they are carried out one by one, after this.
 void PumpFor(DWORD ms) {
     const DWORD start = GetTickCount();
     do {
         MsgWaitForMultipleObjects(0, nullptr, FALSE, 20, QS_ALLINPUT);
         MSG msg;
-        while (PeekMessageA(&msg, nullptr, 0, 0, PM_REMOVE)) DispatchMessageA(&msg);
+        while (PeekMessageA(&msg, nullptr, 0, WM_COMMAND_READY - 1, PM_REMOVE)) {
+            DispatchMessageA(&msg);
+        }
     } while (GetTickCount() - start < ms);
 }
 
@@ -114,13 +105,12 @@ struct HandleList {
 
 std::string Handles() {
     DWORD pid = 0;
-    auto query =
-        reinterpret_cast<LONG(WINAPI*)(ULONG, PVOID, ULONG, PULONG)>(reinterpret_cast<void*>(
-            GetProcAddress(GetModuleHandleA("ntdll.dll"), "NtQuerySystemInformation")));
+    using Query = LONG(WINAPI*)(ULONG, PVOID, ULONG, PULONG);
+    auto query = reinterpret_cast<Query>(reinterpret_cast<void*>(
+        GetProcAddress(GetModuleHandleA("ntdll.dll"), "NtQuerySystemInformation")));
     if (GetWindowThreadProcessId(CQuorbelClient::FindServer(), &pid) == 0 || query == nullptr)
         return "none";
-    HANDLE event =
-        CreateEventA(nullptr, FALSE, FALSE, nullptr);  // to learn the type number of events
+    HANDLE event = CreateEventA(nullptr, FALSE, FALSE, nullptr);  // to learn the events' type
     std::vector<char> buffer(1 << 16);
     LONG status;
     while ((status = query(16, buffer.data(), static_cast<ULONG>(buffer.size()), nullptr)) ==
@@ -146,17 +136,13 @@ std::string Handles() {
     return status == 0 ? text : "none";
 }
 
-std::string Truncate(const std::string& file, const std::string& bytes) {
-    // Shared as widely as Windows allows: whatever is refused is refused because of another opener.
+// Shared as widely as Windows allows: whatever is refused is refused because of another opener.
+std::string Truncate(const std::string& file) {
     HANDLE h = CreateFileA(file.c_str(), GENERIC_WRITE,
                            FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr,
                            OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr);
     if (h == INVALID_HANDLE_VALUE) return Refused("CreateFile");
-    LARGE_INTEGER at;
-    at.QuadPart = std::strtoll(bytes.c_str(), nullptr, 10);
-    const std::string answer = SetFilePointerEx(h, at, nullptr, FILE_BEGIN) && SetEndOfFile(h)
-                                   ? "done"
-                                   : Refused("SetEndOfFile");
+    const std::string answer = SetEndOfFile(h) ? "done" : Refused("SetEndOfFile");
     CloseHandle(h);
     return answer;
 }
@@ -167,15 +153,12 @@ std::string Carry(const std::vector<std::string>& f) {
         g_hWnd = CreateWindowExA(0, "STATIC", "quorbel test client", WS_OVERLAPPEDWINDOW, 10, 10,
                                  200, 100, nullptr, nullptr, GetModuleHandleA(nullptr), nullptr);
     }
-    if (command == "window") return Hex(static_cast<uint32_t>(HandleToLong(g_hWnd)));
+    if (command == "window") return Hex(HandleToUlong(g_hWnd));
     if (command == "send" && f.size() > 1) return Send(HandleToLong(g_hWnd), f, 1);
     if (command == "sendas" && f.size() > 2) return Send(static_cast<LONG>(FromHex(f[1])), f, 2);
     if (command == "raw" && f.size() > 2) {
         std::string bytes;
-        for (size_t i = 0; i + 1 < f[2].size(); i += 2) {
-            bytes.push_back(
-                static_cast<char>(std::strtoul(f[2].substr(i, 2).c_str(), nullptr, 16)));
-        }
+        for (size_t i = 0; i + 1 < f[2].size(); i += 2) bytes += char(FromHex(f[2].substr(i, 2)));
         // Never a null pointer, not even for an empty block.
         return SendCopyData(static_cast<ULONG_PTR>(FromHex(f[1])), bytes.data(),
                             static_cast<DWORD>(bytes.size()));
@@ -191,49 +174,44 @@ std::string Carry(const std::vector<std::string>& f) {
         return "1";
     }
     HWND server = CQuorbelClient::FindServer();
-    if (command == "find") return Hex(static_cast<uint32_t>(HandleToLong(server)));
+    if (command == "find") return Hex(HandleToUlong(server));
     // Posted: the server's close waits for its plays, and this client must go on answering.
     if (command == "close")
         return server != nullptr && PostMessageA(server, WM_CLOSE, 0, 0) ? "1" : "0";
     if (command == "handles") return Handles();
     if (command == "replace" && f.size() > 2) {
-        return MoveFileExA(f[1].c_str(), f[2].c_str(), MOVEFILE_REPLACE_EXISTING)
-                   ? "done"
-                   : Refused("MoveFileEx");
+        const BOOL moved = MoveFileExA(f[1].c_str(), f[2].c_str(), MOVEFILE_REPLACE_EXISTING);
+        return moved ? "done" : Refused("MoveFileEx");
     }
-    if (command == "truncate" && f.size() > 2) return Truncate(f[1], f[2]);
+    if (command == "truncate" && f.size() > 1) return Truncate(f[1]);
     return "0";
 }
 
 }  // namespace
 
 int main() {
-    InitializeCriticalSection(&g_lock);
     g_mainThread = GetCurrentThreadId();
     MSG msg;
-    PeekMessageA(&msg, nullptr, 0, 0,
-                 PM_NOREMOVE);  // the thread's queue exists before the reader posts
+    // The thread's queue exists before the reader posts.
+    PeekMessageA(&msg, nullptr, 0, 0, PM_NOREMOVE);
     HANDLE reader = CreateThread(nullptr, 0, &ReadInput, nullptr, 0, nullptr);
     if (reader == nullptr) return 2;
     CloseHandle(reader);
     while (GetMessageA(&msg, nullptr, 0, 0) > 0) {
-        if (msg.message != WM_COMMAND_READY) DispatchMessageA(&msg);
-        for (;;) {
-            EnterCriticalSection(&g_lock);
-            const bool any = !g_lines.empty();
-            const std::string line = any ? g_lines.front() : std::string();
-            if (any) g_lines.pop_front();
-            LeaveCriticalSection(&g_lock);
-            if (!any) break;
-            std::vector<std::string> fields;
-            std::istringstream in(line);
-            for (std::string field; std::getline(in, field, '\t');) fields.push_back(field);
-            if (line.empty() || line.back() == '\t') fields.push_back("");  // the last field, empty
-            const bool quit = fields[0] == "quit";
-            std::printf("%s\n", quit ? "1" : Carry(fields).c_str());
-            std::fflush(stdout);
-            if (quit) return 0;  // our window goes with the process
+        if (msg.message != WM_COMMAND_READY) {
+            DispatchMessageA(&msg);
+            continue;
         }
+        const std::string* line = reinterpret_cast<const std::string*>(msg.lParam);
+        std::vector<std::string> fields;
+        std::istringstream in(*line);
+        for (std::string field; std::getline(in, field, '\t');) fields.push_back(field);
+        if (line->empty() || line->back() == '\t') fields.push_back("");  // the last field, empty
+        delete line;
+        if (fields[0] == "quit") break;  // our window goes with the process
+        std::printf("%s\n", Carry(fields).c_str());
+        std::fflush(stdout);
     }
+    std::printf("1\n");
     return 0;
 }
