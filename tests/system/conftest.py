@@ -1,6 +1,5 @@
-"""Fixtures of the system tests: the programs of the Windows build (QUORBEL_WIN_BUILD_DIR) under
-Wine, in the session of scripts/wine-session (by hand: `scripts/wine-session start; . build/session/env`),
-observed from the host: the recording of the session's sink, the server's log, window and process.
+"""The programs of the Windows build (QUORBEL_WIN_BUILD_DIR) under Wine, in the session of
+scripts/wine-session (`scripts/wine-session start; . build/session/env`), observed from the host.
 One prefix has one server and one sink: tests run one at a time, each making sure the one before is gone."""
 
 import os
@@ -21,7 +20,6 @@ LOOP, STOP, STOP_OTHERS, STOP_CLIENT, IGNORE_FOREGROUND = 0x01, 0x02, 0x04, 0x08
 
 
 def wait_until(condition, timeout, step=0.05):
-    """Polls condition until it holds (True) or timeout seconds pass (False)."""
     end = time.monotonic() + timeout
     while not condition():
         if time.monotonic() >= end:
@@ -32,7 +30,6 @@ def wait_until(condition, timeout, step=0.05):
 
 @pytest.fixture(scope="session")
 def exe():
-    """exe(name): the path of NAME.exe in the Windows build."""
     missing = [v for v in ("QUORBEL_WIN_BUILD_DIR", "QUORBEL_SESSION_DIR", "WINEPREFIX", "PULSE_SERVER")
                if not os.environ.get(v)]
     if missing:
@@ -42,8 +39,6 @@ def exe():
 
 
 class WinProcess(subprocess.Popen):
-    """A Windows program under wine: the process wine starts is the program's own."""
-
     def __init__(self, exe, args=(), cwd=None, **streams):
         streams = {"stdout": subprocess.DEVNULL, "stderr": subprocess.DEVNULL, **streams}
         super().__init__(["wine", exe, *map(str, args)], cwd=cwd, **streams)
@@ -52,7 +47,6 @@ class WinProcess(subprocess.Popen):
         return self.poll() is None
 
     def wait(self, timeout=None):
-        """The exit status (negative: the signal), or None when it still runs after timeout."""
         try:
             return super().wait(timeout)
         except subprocess.TimeoutExpired:
@@ -60,8 +54,7 @@ class WinProcess(subprocess.Popen):
 
 
 def run_windows(exe, args=(), cwd=None, output=None, timeout=30):
-    """Runs a Windows program to its end: its exit status, or None when it did not end in time
-    (it is killed then). What it prints, on either stream, goes to the file output, if given."""
+    """Its exit status, or None when it did not end in time (it is killed then)."""
     with (output.open("wb") if output else open(os.devnull, "wb")) as out:
         p = WinProcess(exe, args, cwd=cwd, stdout=out, stderr=subprocess.STDOUT)
         status = p.wait(timeout)
@@ -71,15 +64,14 @@ def run_windows(exe, args=(), cwd=None, output=None, timeout=30):
 
 
 class Client(WinProcess):
-    """The console client (win/console_client.cpp): one command a line, one answer a line; its
-    commands asked one by one, or all read from a file given as its input."""
+    """win/console_client.cpp: its commands asked one by one, or all read from a file as its input."""
 
     def __init__(self, exe, cwd, stdin=subprocess.PIPE):
         super().__init__(exe, cwd=cwd, stdin=stdin, stdout=subprocess.PIPE)
         self.buffer = b""
 
     def read(self, timeout=0):
-        """Reads what has come, waiting up to timeout for something; False at the end of output."""
+        """False at the end of output."""
         if not select.select([self.stdout], [], [], timeout)[0]:
             return True
         chunk = os.read(self.stdout.fileno(), 65536)
@@ -110,7 +102,7 @@ class Client(WinProcess):
 
 
 class Recorder(subprocess.Popen):
-    """What the session's sink plays, recorded with parec: raw 16-bit stereo at 44.1 kHz."""
+    """What the session's sink plays: raw 16-bit stereo at 44.1 kHz."""
 
     def __init__(self, path):
         self.path = path
@@ -120,7 +112,6 @@ class Recorder(subprocess.Popen):
         assert wait_until(lambda: path.stat().st_size > 0, 5), "parec did not start recording"
 
     def now(self):
-        """Frames recorded so far: a mark for 'after this'."""
         return self.path.stat().st_size // 4
 
     def samples(self):
@@ -146,8 +137,6 @@ class Recorder(subprocess.Popen):
 
 
 class Server:
-    """The server started in a folder of its own."""
-
     def __init__(self, exe, folder, client):
         self.exe, self.folder, self.client, self.process = exe, folder, client, None
 
@@ -185,7 +174,6 @@ def folder(tmp_path):
 
 @pytest.fixture
 def new_client(exe, folder):
-    """new_client(stdin): a console client, ended with the test at the latest."""
     started = []
     yield lambda *stdin: started.append(Client(exe("console_client"), folder, *stdin)) or started[-1]
     for c in started:
@@ -213,7 +201,6 @@ def server(exe, folder, client):
 
 @pytest.fixture
 def record(folder):
-    """record(name): a recording to folder/name.raw, ended with the test at the latest."""
     started = []
     yield lambda name="recording": started.append(Recorder(folder / f"{name}.raw")) or started[-1]
     for r in started:

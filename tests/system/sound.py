@@ -1,9 +1,6 @@
 """Sound material (seeded noise and tones, WAV and MP3 files), and finding it in what the session's
-sound server recorded, 16-bit stereo at 44.1 kHz. Material of that format arrives bit for bit but
-for a few milliseconds lost at a stream's start and, on a busy machine, a short run of zeros
-inserted in the middle. So material is compared in blocks found in order: each block must follow
-the one before directly, or after a run of zeros; a block found early, or after anything but zeros,
-is not the material."""
+sound server recorded. Material of 16-bit stereo at 44.1 kHz arrives bit for bit but for a few
+milliseconds lost at a stream's start and, on a busy machine, a run of zeros inserted in the middle."""
 
 import struct
 import subprocess
@@ -20,7 +17,6 @@ def noise(seed, frames, channels=2, amplitude=8000):
 
 
 def tone(frequency, seconds, amplitude=8000, channels=2, rate=RATE):
-    """A sine on every channel."""
     t = np.arange(int(seconds * rate)) / rate
     wave = np.round(amplitude * np.sin(2 * np.pi * frequency * t)).astype(np.int16)
     return np.repeat(wave[:, None], channels, axis=1)
@@ -31,7 +27,6 @@ def chunk(fourcc, body):
 
 
 def fmt_chunk(channels=2, rate=RATE):
-    """The format of 16-bit PCM."""
     return chunk(b"fmt ", struct.pack("<HHIIHH", 1, channels, rate, rate * channels * 2, channels * 2, 16))
 
 
@@ -46,32 +41,29 @@ def write_wav(path, samples, rate=RATE):
 
 
 def write_mp3(path, samples, rate=RATE, *options):
-    """Encodes the samples into the MP3 file path with lame and these options."""
     write_wav(path.with_suffix(".in.wav"), samples, rate)
     subprocess.run(["lame", "--quiet", *options, path.with_suffix(".in.wav"), path], check=True, timeout=60)
 
 
 def read_raw(path):
-    """A raw recording as frames x 2."""
     data = np.fromfile(path, dtype="<i2")
     return data[: len(data) // 2 * 2].reshape(-1, 2)
 
 
 def _keys(frames):
-    """One 32-bit value per stereo frame, so that frames compare as numbers."""
+    """One 32-bit value per stereo frame."""
     return np.ascontiguousarray(frames.astype(np.int16)).view(np.uint32).reshape(-1)
 
 
 def _find(rec, needle, start):
-    """Where the keys of needle begin in the keys rec, searched from start; None if nowhere."""
     hits = (at for at in np.flatnonzero(rec[start : len(rec) - len(needle) + 1] == needle[0]) + start
             if np.array_equal(rec[at : at + len(needle)], needle))
     return next((int(at) for at in hits), None)
 
 
 class Match:
-    """Where each block of the material lies in a recording (None: not found in order), how many
-    came early (the stream skipped material), and where the material ends."""
+    """Where each block of the material lies (None: not found in order), how many came early (the
+    stream skipped material), and where the material ends."""
 
     def __init__(self, places, early):
         self.places, self.early = places, early
@@ -81,7 +73,6 @@ class Match:
         self.end = None if last is None else places[last] + (len(places) - last) * BLOCK_FRAMES
 
     def whole(self, share=0.95):
-        """Nearly every block in order and none early: the material was played."""
         return self.early == 0 and self.fraction >= share
 
     def __repr__(self):
@@ -89,10 +80,9 @@ class Match:
 
 
 def match(recording, material, start=0):
-    """Finds the material's blocks in order, from frame start on. The first block found anchors
-    it; each later block must lie where the one before it ends, or later by no more frames than
-    the zeros in between (silence the sound server inserted). A block that lies earlier than that
-    counts as early; one that lies later with sound in between is not counted."""
+    """Finds the material's blocks in order, from frame start on. Each block after the first found
+    must lie where the one before it ends, or later by no more frames than the zeros in between; one
+    that lies earlier counts as early, one that lies later with sound in between is not counted."""
     rec, places, early = _keys(recording), [], 0
     last_end = expected = None  # where the last block found ends; where the next should begin
     for i in range(len(material) // BLOCK_FRAMES):
