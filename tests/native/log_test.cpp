@@ -2,6 +2,7 @@
 // piece or one message, whole entries while two threads log at once.
 
 #include <gtest/gtest.h>
+#include <chrono>
 #include <ctime>
 #include <thread>
 
@@ -15,7 +16,11 @@ using namespace test_support;
 // cut to 4095 characters, written in pieces of 1023 (a line and its line break, and 35 spaces when
 // another follows); longer lines go in several pieces, whole.
 TEST(LogFile, EntriesAreLaidOutWholeOnceTheFileCanBeOpened) {
-    const auto now = [](std::time_t seconds = std::time(nullptr)) {
+    // The system clock, as the log reads it: std::time may read a coarser clock that lags it by
+    // a tick, a second behind just after a second begins.
+    const auto now = [] {
+        const std::time_t seconds =
+            std::chrono::system_clock::to_time_t(std::chrono::system_clock::now());
         char text[32];
         return std::string(text, std::strftime(text, sizeof(text),
                                                "[%Y-%m-%d %H:%M:%S:", std::localtime(&seconds)));
