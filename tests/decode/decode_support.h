@@ -8,6 +8,7 @@
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
+#include <fstream>
 #include <string>
 #include <vector>
 
@@ -78,4 +79,20 @@ inline int Shell(const std::string& command, std::string* output) {
 // The tests' paths hold no quote.
 inline std::string Quote(const std::string& s) {
     return "'" + s + "'";
+}
+
+// The PCM's hash (FNV-1a over its bytes) must be the one tests/data/pcm-hashes.txt records for
+// name: a change of the decoding that moves any sample fails here, where the tolerances of the
+// reference comparisons would let it pass.
+inline void ExpectRecordedPcm(const std::string& name, const std::vector<int16_t>& pcm) {
+    uint64_t hash = 14695981039346656037ull;
+    for (int16_t sample : pcm)
+        for (int k = 0; k < 2; ++k)
+            hash = (hash ^ (uint16_t(sample) >> (8 * k) & 0xFF)) * 1099511628211ull;
+    char text[17];
+    std::snprintf(text, sizeof text, "%016llx", static_cast<unsigned long long>(hash));
+    std::ifstream recorded(std::string(QUORBEL_SOURCE_DIR) + "/tests/data/pcm-hashes.txt");
+    std::string key, value = "(none)";
+    while (recorded >> key >> value && key != name) value = "(none)";
+    EXPECT_EQ(value, text) << "PCM of " << name;
 }

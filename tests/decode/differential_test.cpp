@@ -60,6 +60,7 @@ TEST_P(Differential, AgreesWithFfmpegWithinOne) {
                    Quote(raw)));
     Walked ours;
     ASSERT_TRUE(Walk(mp3, &ours)) << "the walk did not run to the stream's end";
+    ExpectRecordedPcm(::testing::UnitTest::GetInstance()->current_test_info()->name(), ours.pcm);
     EXPECT_TRUE(ours.info.outSampleRate == m.rate && ours.info.outChannels == m.channels &&
                 int(ours.info.version) == m.version);
     EXPECT_EQ(ours.skipped, 0u);  // lame never refers back past the reservoir it starts with
