@@ -64,9 +64,10 @@ TEST_P(Differential, AgreesWithFfmpegWithinOne) {
     EXPECT_TRUE(ours.info.outSampleRate == m.rate && ours.info.outChannels == m.channels &&
                 int(ours.info.version) == m.version);
     EXPECT_EQ(ours.skipped, 0u);  // lame never refers back past the reservoir it starts with
-    if (m.lame[1] == 'V')         // the Xing frame counts the frames after it
+    if (m.lame[1] == 'V') {       // the Xing frame counts the frames after it
         EXPECT_TRUE(ours.info.bitrate == 0 && size_t(ours.info.totalFrames) + 1 >= ours.frames &&
                     size_t(ours.info.totalFrames) <= ours.frames);
+    }
     // The material reaches what it is meant to: short blocks; mid/side in joint stereo.
     EXPECT_TRUE(ours.shortGranules > 0 &&
                 (ours.msFrames > 0 || std::string(m.lame).find("-m j") == std::string::npos));

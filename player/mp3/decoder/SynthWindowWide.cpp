@@ -2,12 +2,15 @@
 // per register instead of two, so that one slot needs half the multiplications and additions.
 // Every sum is still its own lane, starts at 0 and adds the same products in the same order as
 // the SSE2 windowing in Synthesis.cpp (m ascending, first product then second), so both give
-// the identical doubles. Only multiplications and additions are used, never fused ones: the
-// functions ask for "avx" alone, which does not let the compiler contract them.
+// the identical doubles. Only multiplications and additions are used, never fused ones (AVX alone
+// has no fused instruction, and the decoder is built without contraction).
 //
-// Only the functions marked AVX_CODE are compiled for AVX, the rest of the program stays SSE2;
-// Synthesis.cpp calls them only after asking the processor. Built only in the auto build of the
-// windowing (QUORBEL_SYNTH, see Synthesis.h).
+// This unit alone is compiled for AVX (a per-file option, player/mp3/decoder/CMakeLists.txt); the
+// rest of the program stays SSE2, and Synthesis.cpp calls in only after asking the processor
+// (CpuFeatures.h). So it shares no inline code with other units, since the linker could keep a
+// copy compiled here for every caller: it uses intrinsics and its own functions only, and calls
+// out through SynthStorePcm. Built only in the auto build of the windowing (QUORBEL_SYNTH, see
+// Synthesis.h).
 
 #if !defined(QUORBEL_SYNTH_SCALAR) && !defined(QUORBEL_SYNTH_SSE2)
 
@@ -18,8 +21,6 @@
 #include <immintrin.h>
 
 #include <cstddef>
-
-#define AVX_CODE __attribute__((target("avx")))
 
 namespace {
 
@@ -55,8 +56,12 @@ WideWindowTable BuildWideWindow() {
     return table;
 }
 
-// SynthWindow is constant-initialised data, complete before this dynamic initialiser runs.
-const WideWindowTable kWideWindow = BuildWideWindow();
+// Made on the first AVX call, never at start-up: this unit's code may run only on a processor
+// with AVX.
+const WideWindowTable& WideWindow() {
+    static const WideWindowTable table = BuildWideWindow();
+    return table;
+}
 
 // fwd[q] = samples 4q .. 4q + 3, bwd[q] = samples 32 - 4q .. 29 - 4q (the first lane of bwd[0],
 // sample 32, holds 0); s16 is sample 16.
@@ -69,8 +74,8 @@ struct WideSums {
 // One group's products for one m, added to its two sums in their order: the first product
 // (ring value a) and then the second (ring value b) of each sample. Each group's ring values are
 // converted just before use so that the eight sums stay in registers with room to spare.
-AVX_CODE inline void AddGroup(const float* pa, const float* pb, const double (*w)[4], __m256d& fwd,
-                              __m256d& bwd) {
+inline void AddGroup(const float* pa, const float* pb, const double (*w)[4], __m256d& fwd,
+                     __m256d& bwd) {
     const __m256d a = _mm256_cvtps_pd(_mm_loadu_ps(pa));
     fwd = _mm256_add_pd(fwd, _mm256_mul_pd(a, _mm256_load_pd(w[0])));
     bwd = _mm256_add_pd(bwd, _mm256_mul_pd(a, _mm256_load_pd(w[2])));
@@ -85,7 +90,8 @@ AVX_CODE inline void AddGroup(const float* pa, const float* pb, const double (*w
 // product), base = o + 64m: sixteen consecutive floats on each side, each run inside one
 // aligned block of 32 because o is a multiple of 32, so masking its start keeps it whole.
 // The eight sums of the four groups are independent chains of additions.
-AVX_CODE inline void WindowWide(const float* ring, uint32_t offset, WideSums& sums) {
+inline void WindowWide(const float* ring, uint32_t offset, WideSums& sums) {
+    const WideWindowTable& wide = WideWindow();
     const uint32_t o = offset & kSlotMask;
     __m256d fwd0 = _mm256_setzero_pd(), fwd1 = _mm256_setzero_pd();
     __m256d fwd2 = _mm256_setzero_pd(), fwd3 = _mm256_setzero_pd();
@@ -96,10 +102,10 @@ AVX_CODE inline void WindowWide(const float* ring, uint32_t offset, WideSums& su
         // pa[i] = ring[base + 16 + i]; pb[15 - i] = ring[base + 48 - i].
         const float* pa = ring + ((base + 16) & kRingMask);
         const float* pb = ring + ((base + 33) & kRingMask);
-        AddGroup(pa, pb + 12, kWideWindow.w[0][m], fwd0, bwd0);
-        AddGroup(pa + 4, pb + 8, kWideWindow.w[1][m], fwd1, bwd1);
-        AddGroup(pa + 8, pb + 4, kWideWindow.w[2][m], fwd2, bwd2);
-        AddGroup(pa + 12, pb, kWideWindow.w[3][m], fwd3, bwd3);
+        AddGroup(pa, pb + 12, wide.w[0][m], fwd0, bwd0);
+        AddGroup(pa + 4, pb + 8, wide.w[1][m], fwd1, bwd1);
+        AddGroup(pa + 8, pb + 4, wide.w[2][m], fwd2, bwd2);
+        AddGroup(pa + 12, pb, wide.w[3][m], fwd3, bwd3);
     }
     sums.fwd[0] = fwd0;
     sums.fwd[1] = fwd1;
@@ -121,12 +127,12 @@ AVX_CODE inline void WindowWide(const float* ring, uint32_t offset, WideSums& su
 // Truncates four sums toward zero into four int32 lanes, with the same clipping argument as
 // Truncate in Synthesis.cpp: bring values above 32767 down first, let the 16-bit packing clip
 // the rest (anything beyond the 32-bit range truncates to INT32_MIN).
-AVX_CODE inline __m128i TruncateWide(__m256d s) {
+inline __m128i TruncateWide(__m256d s) {
     return _mm256_cvttpd_epi32(_mm256_min_pd(s, _mm256_set1_pd(32767.0)));
 }
 
 // The 32 samples of one slot in order 0..31, stride samples apart.
-AVX_CODE inline void StorePcmWide(const WideSums& sums, uint8_t* pcm, int32_t stride) {
+inline void StorePcmWide(const WideSums& sums, uint8_t* pcm, int32_t stride) {
     const __m128i s16 =
         _mm_packs_epi32(_mm_cvttpd_epi32(_mm_min_pd(_mm_set_sd(sums.s16), _mm_set1_pd(32767.0))),
                         _mm_setzero_si128());
@@ -139,8 +145,7 @@ AVX_CODE inline void StorePcmWide(const WideSums& sums, uint8_t* pcm, int32_t st
 
 }  // namespace
 
-AVX_CODE void SynthWindowToPcmAvx(const float ring[512], uint32_t offset, uint8_t* pcm,
-                                  int32_t stride) {
+void SynthWindowToPcmAvx(const float ring[512], uint32_t offset, uint8_t* pcm, int32_t stride) {
     WideSums sums;
     WindowWide(ring, offset, sums);
     StorePcmWide(sums, pcm, stride);

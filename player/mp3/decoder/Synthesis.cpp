@@ -14,6 +14,8 @@
 
 #include "player/mp3/decoder/Synthesis.h"
 
+#include "player/mp3/decoder/CpuFeatures.h"
+
 #include "player/mp3/decoder/SynthTables.h"
 
 #include <cstddef>
@@ -299,9 +301,7 @@ WindowToPcm ChosenWindowing() {
 #elif defined(QUORBEL_SYNTH_SSE2)
     return SynthWindowToPcmSse2;
 #else
-    // False also where the system does not save the wider registers (libgcc checks XGETBV).
-    static const WindowToPcm chosen =
-        __builtin_cpu_supports("avx") != 0 ? SynthWindowToPcmAvx : SynthWindowToPcmSse2;
+    static const WindowToPcm chosen = CpuHasAvx() ? SynthWindowToPcmAvx : SynthWindowToPcmSse2;
     return chosen;
 #endif
 }
