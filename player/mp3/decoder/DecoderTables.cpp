@@ -27,6 +27,7 @@ const int32_t PretabTable[2][22] = {
 float GainTable[262];
 float ScaleTable[2][4][32];
 float Pow43Table[64];
+double EscapeRootTable[kMaxEscapedValue + 1];
 float SubblockGainTable[8];
 FactorPair AliasTable[8];
 FactorPair IntensityTable1[2][8];
@@ -48,6 +49,7 @@ void InitGainTables() {
         const double x = i - 32;
         Pow43Table[i] = static_cast<float>(std::pow(std::fabs(x), 1.0 / 3.0) * x);
     }
+    for (int32_t m = 32; m <= kMaxEscapedValue; ++m) EscapeRootTable[m] = std::cbrt(double(m));
     for (int k = 0; k < 8; ++k) SubblockGainTable[k] = static_cast<float>(std::pow(2.0, -2.0 * k));
 }
 

@@ -51,6 +51,11 @@ extern float GainTable[262];
 extern float ScaleTable[2][4][32];
 // Signed 4/3 power of i - 32.
 extern float Pow43Table[64];
+// The cube root of m in double precision, for the escaped values m = 32 .. kMaxEscapedValue
+// (15 plus 13 linbits), so that requantizing one takes no cube root: the same doubles the
+// direct computation gives.
+constexpr int32_t kMaxEscapedValue = 15 + 8191;
+extern double EscapeRootTable[kMaxEscapedValue + 1];
 // 2^(-2k).
 extern float SubblockGainTable[8];
 // Alias-reduction butterfly factors (cs, ca).

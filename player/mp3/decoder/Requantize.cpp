@@ -1,7 +1,6 @@
 // Requantization of one granule and channel in place, with the short-block reorder to
 // (band, line, window) order and the record of which bands hold non-zero values.
 
-#include <cmath>
 #include <cstring>
 
 #include "player/mp3/decoder/BitReader.h"
@@ -9,12 +8,12 @@
 
 namespace {
 
-// sign(q) x |q|^(4/3) x f. Small values come from the table; escapes, which are rare, are
-// computed directly so that any linbits value is handled.
+// sign(q) x |q|^(4/3) x f. Small values come from the table; escapes multiply in double with
+// the cube root of their magnitude (|q| is at most kMaxEscapedValue: 15 plus 13 linbits).
 inline float Dequantize(int32_t q, float f) {
     if (q >= -32 && q < 32) return f * Pow43Table[q + 32];
-    const double magnitude = std::fabs(static_cast<double>(q));
-    return static_cast<float>(static_cast<double>(f) * std::cbrt(magnitude) * q);
+    const int32_t magnitude = q < 0 ? -q : q;
+    return static_cast<float>(static_cast<double>(f) * EscapeRootTable[magnitude] * q);
 }
 
 }  // namespace
