@@ -44,14 +44,14 @@ void CMP3Decoder::Requantize(uint32_t gr, uint32_t ch) {
     for (int32_t sfb = 0; sfb < nlong; ++sfb) {
         const float f = base * scale[pretab[sfb]][sf.longSf[sfb]];
         const int32_t end = pos + BandWidth[0][sfb];
-        bool nonZero = false;
+        int32_t any = 0;
         for (; pos < end; ++pos) {
+            // 0 gives +0.0f, the bits of the integer 0 it replaces: no branch on the value.
             const int32_t q = LoadSlotInt(s + pos);
-            if (q == 0) continue;  // integer 0 and +0.0f share their bits
             s[pos] = Dequantize(q, f);
-            nonZero = true;
+            any |= q;
         }
-        if (nonZero) maxLong = sfb;
+        if (any != 0) maxLong = sfb;
         if (pos >= lineCount) break;
     }
     info[kBandMax] = maxLong;
@@ -70,17 +70,13 @@ void CMP3Decoder::Requantize(uint32_t gr, uint32_t ch) {
         for (int w = 0; w < 3; ++w) {
             const float f = windowGain[w] * scale[0][sf.shortSf[w][sfb]];
             float* dst = ReorderBuffer + b + w;
-            bool nonZero = false;
+            int32_t any = 0;
             for (int32_t i = 0; i < width; ++i, ++pos) {
                 const int32_t q = LoadSlotInt(s + pos);
-                if (q == 0) {
-                    dst[3 * i] = 0.0f;
-                } else {
-                    dst[3 * i] = Dequantize(q, f);
-                    nonZero = true;
-                }
+                dst[3 * i] = Dequantize(q, f);
+                any |= q;
             }
-            if (nonZero) info[kBandMaxShort + w] = sfb;
+            if (any != 0) info[kBandMaxShort + w] = sfb;
         }
         b += 3 * width;
         if (pos >= lineCount) break;
