@@ -123,14 +123,17 @@ int32_t CMP3Decoder::DecodeCount1(float* out, int32_t n, int32_t bitsLeft, uint3
             last = q;
             lastValue = value;
         }
+        // The sign bits of the non-zero values follow in one run, first value first; after the
+        // code word at least four bits are held.
+        static const uint8_t kNonZero[16] = {0, 1, 1, 2, 1, 2, 2, 3, 1, 2, 2, 3, 2, 3, 3, 4};
+        int32_t remaining = kNonZero[value];
+        const uint32_t signs = remaining != 0 ? TakeBits(remaining) : 0;
+        bitsLeft -= remaining;
         float* o = out + 4 * q;
         for (int k = 0; k < 4; ++k) {
-            int32_t v = static_cast<int32_t>((value >> (3 - k)) & 1);
-            if (v) {
-                if (GetBit()) v = -1;
-                --bitsLeft;
-            }
-            StoreSlotInt(o + k, v);
+            const int32_t v = static_cast<int32_t>((value >> (3 - k)) & 1);
+            remaining -= v;
+            StoreSlotInt(o + k, v - 2 * (v & static_cast<int32_t>(signs >> remaining)));
         }
         ++q;
         if (Overran()) break;
