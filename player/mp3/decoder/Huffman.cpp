@@ -36,6 +36,18 @@ void CMP3Decoder::DecodeHuffman(uint32_t gr, uint32_t ch, int32_t skip) {
         std::memset(s + clearFrom, 0, sizeof(float) * (576 - clearFrom));
 }
 
+// A code word's two values with their sign bits, which follow it for each non-zero one, x's
+// first: both read in one step (a code word leaves them held) and applied without a branch.
+inline void CMP3Decoder::StoreSignedPair(float* out, int32_t x, int32_t y) {
+    const int32_t nx = x != 0;
+    const int32_t ny = y != 0;
+    const int32_t signs = static_cast<int32_t>(TakeBits(nx + ny));
+    const int32_t sx = (signs >> ny) & nx;
+    const int32_t sy = signs & ny;
+    StoreSlotInt(out, (x ^ -sx) + sx);
+    StoreSlotInt(out + 1, (y ^ -sy) + sy);
+}
+
 void CMP3Decoder::DecodeBigValues(float* out, int32_t n, uint32_t table) {
     if (n < 1) return;
     const int32_t pairs = n >> 1;
@@ -53,12 +65,8 @@ void CMP3Decoder::DecodeBigValues(float* out, int32_t n, uint32_t table) {
             FillBits(11);
             const uint32_t e = codes[1 + PeekBits(width)];
             SkipBits(static_cast<int32_t>(e >> 24));
-            int32_t x = static_cast<int32_t>((e >> 8) & 0xFF);
-            int32_t y = static_cast<int32_t>((e >> 16) & 0xFF);
-            if (x && GetBit()) x = -x;
-            if (y && GetBit()) y = -y;
-            StoreSlotInt(out + 2 * i, x);
-            StoreSlotInt(out + 2 * i + 1, y);
+            StoreSignedPair(out + 2 * i, static_cast<int32_t>((e >> 8) & 0xFF),
+                            static_cast<int32_t>((e >> 16) & 0xFF));
             if (Overran()) return;
         }
         return;
@@ -89,12 +97,11 @@ void CMP3Decoder::DecodeBigValues(float* out, int32_t n, uint32_t table) {
             if (x && GetBit()) x = -x;
             if (y == 15) y += static_cast<int32_t>(GetLinbits(linbits));
             if (y && GetBit()) y = -y;
+            StoreSlotInt(out + 2 * i, x);
+            StoreSlotInt(out + 2 * i + 1, y);
         } else {
-            if (x && GetBit()) x = -x;
-            if (y && GetBit()) y = -y;
+            StoreSignedPair(out + 2 * i, x, y);
         }
-        StoreSlotInt(out + 2 * i, x);
-        StoreSlotInt(out + 2 * i + 1, y);
         if (Overran()) return;
     }
 }

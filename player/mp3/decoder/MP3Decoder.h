@@ -106,6 +106,7 @@ public:
     // --- Huffman decoding and requantization (Huffman.cpp, Requantize.cpp) ---
     void DecodeHuffman(uint32_t gr, uint32_t ch, int32_t skip);
     void DecodeBigValues(float* out, int32_t n, uint32_t table);
+    inline void StoreSignedPair(float* out, int32_t x, int32_t y);
     int32_t DecodeCount1(float* out, int32_t n, int32_t bitsLeft, uint32_t select);
     void Requantize(uint32_t gr, uint32_t ch);
 
