@@ -4,7 +4,7 @@
 // FloatLanes for four side by side. Both run the identical float operations per lane, so a
 // result does not depend on which path produced it.
 
-#include <emmintrin.h>
+#include <immintrin.h>
 
 #include <cstddef>
 

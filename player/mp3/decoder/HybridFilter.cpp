@@ -12,7 +12,7 @@
 #include "player/mp3/decoder/FloatLanes.h"
 #include "player/mp3/decoder/SynthTables.h"
 
-#include <emmintrin.h>
+#include <immintrin.h>
 
 namespace {
 

@@ -24,7 +24,7 @@
 #if !defined(QUORBEL_SYNTH_SCALAR)
 #include "player/mp3/decoder/FloatLanes.h"
 
-#include <emmintrin.h>
+#include <immintrin.h>
 #endif
 
 namespace {

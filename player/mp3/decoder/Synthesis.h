@@ -26,7 +26,7 @@ void SynthesizeSlots(const float slots[18][32], float ring[512], uint32_t* offse
 void SynthWindowToPcmAvx(const float ring[512], uint32_t offset, uint8_t* pcm, int32_t stride);
 
 #if !defined(QUORBEL_SYNTH_SCALAR)
-#include <emmintrin.h>
+#include <immintrin.h>
 
 // Stores the 32 clipped 16-bit samples of one slot in order, stride samples apart: first holds
 // samples 0..7, second 8..15, back 32..25 and upper 24..17 (the last two as the windowing forms
