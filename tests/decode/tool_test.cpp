@@ -1,5 +1,6 @@
 // quorbel-decode end to end, for what no other test sees: the WAV file around the walk's PCM,
-// raw output, the exit codes with their messages and log lines; and, through the tool, the
+// raw output, the WAV on standard output (a pipe: its sizes known before the data), --help and
+// --version, the exit codes with their messages and log lines; and, through the tool, the
 // walk's ends: a frame skipped for want of reservoir data keeps what the block held there from
 // the batch before (the PCM of the frame ten earlier), and a frame cut short ends the pass.
 
@@ -35,6 +36,8 @@ TEST_F(QuorbelDecode, WritesTheWalksPcmAsWavOrRaw) {
     EXPECT_TRUE(Samples(raw) == walk.pcm);
     EXPECT_TRUE(ReadFile(dir.Path("out.wav")) ==
                 Riff(Chunk("fmt ", FmtBody(1, 2, 22050, 16)) + Chunk("data", raw)));
+    ASSERT_EQ(Tool(Quote(in) + " - | cat > piped.wav"), 0) << output;
+    EXPECT_TRUE(ReadFile(dir.Path("piped.wav")) == ReadFile(dir.Path("out.wav")));
 }
 
 TEST_F(QuorbelDecode, ExitCodesForWhatItCannotDo) {
@@ -52,6 +55,9 @@ TEST_F(QuorbelDecode, ExitCodesForWhatItCannotDo) {
         << log;
     EXPECT_TRUE(Tool("only-one-name.mp3") == 2 && output.find("usage:") != std::string::npos &&
                 Tool("--loud a.mp3 b.wav") == 2);
+    EXPECT_TRUE(Tool("--help") == 0 && output.find("usage:") == 0) << output;
+    EXPECT_TRUE(Tool("--version") == 0 && output == "quorbel-decode " QUORBEL_VERSION "\n")
+        << output;
     EXPECT_EQ(Tool(Quote(kConformance + "l3-si.bit") + " " + Quote(dir.Path(""))), 3);  // a folder
 }
 
