@@ -7,6 +7,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <memory>
+#include <string>
 #include <vector>
 
 #include "client/QuorbelClient.h"
@@ -30,14 +31,21 @@ const char kUsage[] =
     "                           plays, and closes when no client window is left\n"
     "      --start              start quorbel.exe when no server runs and wait for it\n"
     "      --server-exe PATH    the server to start (default: quorbel.exe beside this program)\n"
+    "      --as-given           send the names unchanged; the server resolves relative names\n"
+    "                           against its own working directory\n"
     "  -h, --help               show this text\n"
+    "      --version            show the version\n"
     "\n"
-    "Names go to the server as given: it resolves relative names against its own working\n"
-    "directory and stops a file only by the name it was played under (letter case aside).\n"
+    "Names are made full paths against this program's working directory before they are sent,\n"
+    "so a play and a stop from here name the same file wherever the server runs. The server\n"
+    "stops a file only by the name it was played under, compared letter case aside but\n"
+    "otherwise literally: a name made full here does not stop a play that another client sent\n"
+    "with a relative name.\n"
     "A play that does not ignore the foreground is silent while the client's process is not\n"
     "in front; plays of client 0 are silent whenever any process is in front.\n"
     "\n"
-    "Exit status: 0 the server took the request, 1 no server or no answer, 2 wrong usage.\n";
+    "Exit status: 0 the server took the request, 1 no server or no answer, 2 wrong usage\n"
+    "(a name of 260 bytes or more, as given or as a full path, is wrong usage).\n";
 
 const int kExitOk = 0;
 const int kExitNoServer = 1;
@@ -154,6 +162,7 @@ int main(int argc, char** argv) {
     bool hold = false;
     DWORD holdMs = 0;
     bool start = false;
+    bool asGiven = false;
     const char* serverExe = nullptr;
     std::vector<const char*> names;
     bool optionsDone = false;
@@ -169,6 +178,11 @@ int main(int argc, char** argv) {
         } else if (strcmp(arg, "-h") == 0 || strcmp(arg, "--help") == 0) {
             fputs(kUsage, stdout);
             return kExitOk;
+        } else if (strcmp(arg, "--version") == 0) {
+            fputs("quorbel-play " QUORBEL_VERSION "\n", stdout);
+            return kExitOk;
+        } else if (strcmp(arg, "--as-given") == 0) {
+            asGiven = true;
         } else if (strcmp(arg, "-l") == 0 || strcmp(arg, "--loop") == 0) {
             flags |= REQ_LOOP;
         } else if (strcmp(arg, "-i") == 0 || strcmp(arg, "--ignore-foreground") == 0) {
@@ -222,10 +236,23 @@ int main(int argc, char** argv) {
     if (static_cast<int>(names.size()) > kQuorbelMaxNames) {
         return UsageError("too many names in one request (at most 255)");
     }
+    // The names as sent: full paths from here, so that the server, whatever its own working
+    // directory, opens the file meant and a later stop from here names the same one.
+    std::vector<std::string> sent;
     for (const char* name : names) {
         if (strlen(name) >= kQuorbelNameBuffer) {
             return UsageError("name too long (at most 259 bytes)", name);
         }
+        if (asGiven) {
+            sent.push_back(name);
+            continue;
+        }
+        if (*name == '\0') return UsageError("an empty name has no full path");
+        char full[kQuorbelNameBuffer];
+        if (!CQuorbelClient::FullPathName(name, full)) {
+            return UsageError("name too long as a full path (at most 259 bytes)", name);
+        }
+        sent.push_back(full);
     }
 
     HWND server = CQuorbelClient::FindServer();
@@ -251,8 +278,8 @@ int main(int argc, char** argv) {
     }
 
     CQuorbelClient::CRequestBlock block(client);
-    for (const char* name : names) block.AddName(name);
-    if (!block.IsValid() || block.Count() != static_cast<int>(names.size())) {
+    for (const std::string& name : sent) block.AddName(name.c_str());
+    if (!block.IsValid() || block.Count() != static_cast<int>(sent.size())) {
         fprintf(stderr, "quorbel-play: out of memory\n");
         return kExitNoServer;
     }

@@ -1,12 +1,15 @@
 """The server's life: one instance that forwards what a second start is given, its end by WM_CLOSE or by the
-sweep, and quorbel-play; what it refuses, each with its exact log lines, and the blocks it survives."""
+sweep, quorbel-play and quorbel-decode's standard output; what it refuses, each with its exact log lines, and the blocks it survives."""
 
 import collections
+import re
 import struct
 import time
 
 import sound
-from conftest import IGNORE_FOREGROUND, LOOP, RATE, run_windows, wait_until
+from conftest import IGNORE_FOREGROUND, LOOP, RATE, REPO, run_windows, wait_until
+
+VERSION = re.search(r"project\(Quorbel VERSION (\S+)", (REPO / "CMakeLists.txt").read_text())[1]
 
 
 def test_second_start_forwards_its_arguments_and_a_close_ends_every_play(server, client, recorder, folder, exe):
@@ -55,6 +58,7 @@ def test_quorbel_play_starts_a_server_and_the_sweep_ends_it_with_its_last_client
     # Wrong usage and no server are told apart by the exit status, with a message.
     assert run_windows(play, ["--help"], folder, out) == 0
     assert "Usage: quorbel-play" in out.read_text()
+    assert run_windows(play, ["--version"], folder, out) == 0 and out.read_text() == f"quorbel-play {VERSION}\n"
     for wrong in (["--bogus", "x.wav"], ["--stop", "--loop", "x.wav"], ["--stop-client", "x.wav"], ["--loop"]):
         assert run_windows(play, wrong, folder, out) == 2, wrong
     assert run_windows(play, ["x.wav"], folder, out) == 1
@@ -71,6 +75,41 @@ def test_quorbel_play_starts_a_server_and_the_sweep_ends_it_with_its_last_client
     rec = recorder.stop(0.5)
     assert sound.level(rec, 2500, released - RATE, released) > 4000, "not heard while held"
     assert not rec[released + 3 * RATE :].any(), "the loop outlived its client window"
+
+
+def test_quorbel_play_sends_names_resolved_in_its_own_folder_unless_told_otherwise(server, client, recorder, folder, exe):
+    play, out, here = exe("quorbel-play"), folder / "play.out", folder / "here"
+    here.mkdir()
+    sound.write_wav(here / "tone.wav", sound.tone(1500, 1))  # not in the server's folder
+    server.start()
+    # A play and a stop from the tool's folder name the same file, found by the server elsewhere.
+    assert run_windows(play, ["-l", "-i", "tone.wav"], here, out) == 0
+    assert recorder.wait_for_tone(1500)
+    assert run_windows(play, ["-s", "tone.wav"], here, out) == 0
+    stopped = recorder.now()
+    time.sleep(1)
+    assert recorder.silent_since(stopped + RATE // 2), "the stop by the same name did not stop it"
+    # --as-given: the server resolves the name in its own folder, where there is no such file.
+    assert run_windows(play, ["--as-given", "-i", "tone.wav"], here, out) == 0
+    assert server.wait_for_log(2) == ["[player/pub/FileMapObj:*]create file(tone.wav) failed(0x00000002)",
+                                      "[player/wav/WavFilePlayer:*]file(tone.wav),open failed"]
+    # A name that fits as given but not as a full path (Z: and the host path, about 200 bytes).
+    far = folder
+    while len(str(far)) + 2 < 200:
+        far = far / ("d" * min(40, 200 - len(str(far)) - 3))
+    far.mkdir(parents=True)
+    name = "a-name-long-enough-to-carry-the-full-path-past-the-limit.wav"
+    assert 2 + len(str(far)) + 1 + len(name) >= 260
+    assert run_windows(play, ["-i", name], far, out) == 2 and "too long as a full path" in out.read_text()
+    assert run_windows(play, ["--as-given", "-i", name], far, out) == 0
+
+
+def test_quorbel_decode_writes_the_same_bytes_to_standard_output_as_to_a_file(folder, exe):
+    decode = exe("quorbel-decode")
+    sound.write_mp3(folder / "noise.mp3", sound.noise(81, RATE))  # its PCM holds 0x0A bytes
+    assert run_windows(decode, ["noise.mp3", "-"], folder, folder / "piped.wav") == 0
+    assert run_windows(decode, ["noise.mp3", "file.wav"], folder) == 0
+    assert (folder / "piped.wav").read_bytes() == (folder / "file.wav").read_bytes()
 
 def test_refused_files_and_hostile_blocks_are_logged_exactly_and_serving_goes_on(server, client, record, folder):
     # As root, permissions do not stop a write; a folder in the log file's place does. The
