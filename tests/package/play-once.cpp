@@ -12,7 +12,8 @@ int main(int argc, char** argv) {
         std::fprintf(stderr, "usage: play-once FILE SECONDS\n");
         return 2;
     }
-    HWND window = CreateWindowA("STATIC", "play-once", 0, 0, 0, 0, 0, nullptr, nullptr, nullptr, nullptr);
+    HWND window =
+        CreateWindowA("STATIC", "play-once", 0, 0, 0, 0, 0, nullptr, nullptr, nullptr, nullptr);
     if (window == nullptr) {
         std::fprintf(stderr, "play-once: no window (error %lu)\n", GetLastError());
         return 1;
