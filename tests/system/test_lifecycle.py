@@ -12,6 +12,16 @@ from conftest import IGNORE_FOREGROUND, LOOP, RATE, REPO, run_windows, wait_unti
 VERSION = re.search(r"project\(Quorbel VERSION (\S+)", (REPO / "CMakeLists.txt").read_text())[1]
 
 
+def deep_folder(folder):
+    """A new folder under folder whose path, as Windows sees it (Z: and the host path), is about
+    200 bytes long."""
+    far = folder
+    while len(str(far)) + 2 < 200:
+        far = far / ("d" * min(40, 200 - len(str(far)) - 3))
+    far.mkdir(parents=True)
+    return far
+
+
 def test_second_start_forwards_its_arguments_and_a_close_ends_every_play(server, client, recorder, folder, exe):
     server.start()
     assert run_windows(exe("quorbel"), cwd=folder) == 0
@@ -24,12 +34,9 @@ def test_second_start_forwards_its_arguments_and_a_close_ends_every_play(server,
     sound.write_wav(folder / "elsewhere" / "chime.wav", chime)
     assert run_windows(exe("quorbel"), ["chime.wav"], cwd=folder / "elsewhere") == 0
     time.sleep(2)
-    # A name whose full path does not fit is left out: from a working folder of about 200 bytes
-    # as Windows sees it (Z: and the host path), with the same name where the server would look.
-    far = folder
-    while len(str(far)) + 2 < 200:
-        far = far / ("d" * min(40, 200 - len(str(far)) - 3))
-    far.mkdir(parents=True)
+    # A name whose full path does not fit is left out: from a working folder of about 200 bytes,
+    # with the same name where the server would look.
+    far = deep_folder(folder)
     name = "forwarded-name-long-enough-to-carry-the-full-path-past-the-limit.wav"
     assert 2 + len(str(far)) + 1 + len(name) >= 260
     sound.write_wav(far / name, sound.noise(63, RATE))
@@ -93,11 +100,8 @@ def test_quorbel_play_sends_names_resolved_in_its_own_folder_unless_told_otherwi
     assert run_windows(play, ["--as-given", "-i", "tone.wav"], here, out) == 0
     assert server.wait_for_log(2) == ["[player/pub/FileMapObj:*]create file(tone.wav) failed(0x00000002)",
                                       "[player/wav/WavFilePlayer:*]file(tone.wav),open failed"]
-    # A name that fits as given but not as a full path (Z: and the host path, about 200 bytes).
-    far = folder
-    while len(str(far)) + 2 < 200:
-        far = far / ("d" * min(40, 200 - len(str(far)) - 3))
-    far.mkdir(parents=True)
+    # A name that fits as given but not as a full path.
+    far = deep_folder(folder)
     name = "a-name-long-enough-to-carry-the-full-path-past-the-limit.wav"
     assert 2 + len(str(far)) + 1 + len(name) >= 260
     assert run_windows(play, ["-i", name], far, out) == 2 and "too long as a full path" in out.read_text()
