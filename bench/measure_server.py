@@ -171,13 +171,18 @@ def delay_before_sound(bench, trials):
           "(medians; both include the same recording lag)")
 
 
+def cpu_per_second(pid, seconds=5):
+    """The process's CPU time per second of wall time, over the next seconds."""
+    cpu = cpu_ms(pid)
+    time.sleep(seconds)
+    return (cpu_ms(pid) - cpu) / seconds
+
+
 def cost_per_play(bench, pid):
     print("\n== what a play costs (8 looping plays of no client window, the server process)")
     time.sleep(1)
     idle = snapshot(bench, pid)
-    cpu = cpu_ms(pid)
-    time.sleep(5)
-    idle_cpu = (cpu_ms(pid) - cpu) / 5
+    idle_cpu = cpu_per_second(pid)
     show("idle", idle)
     print(f"  idle CPU: {idle_cpu:.2f} ms per second")
     loops = 8
@@ -187,9 +192,7 @@ def cost_per_play(bench, pid):
             fail("the loops were not taken")
         time.sleep(2)
         busy = snapshot(bench, pid)
-        cpu = cpu_ms(pid)
-        time.sleep(5)
-        per_second = (cpu_ms(pid) - cpu) / 5
+        per_second = cpu_per_second(pid)
         bench.client("send", "18")  # stop every play of no client window
         time.sleep(2)
         show(f"{loops} {kind} loops", busy)
