@@ -9,23 +9,12 @@
 // the block, shorter than 260 bytes, in block order, none for a stop of the client, a
 // malformed name ending the list but keeping those before it.
 
-#include <cstdint>
-#include <cstdio>
-#include <cstdlib>
 #include <cstring>
-#include <vector>
 
 #include "app/Request.h"
+#include "tests/support/TestSupport.h"
 
-namespace {
-
-void Check(bool condition, const char* what) {
-    if (condition) return;
-    fprintf(stderr, "fuzz_request: %s\n", what);
-    abort();
-}
-
-}  // namespace
+using test_support::FuzzCheck;
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* input, size_t size) {
     uint8_t header[10] = {};
@@ -42,12 +31,14 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* input, size_t size) {
 
     Request request;
     const int read = DecodeRequest(delivered, cbData, static_cast<uintptr_t>(dwData), &request);
-    Check(read == (delivered != nullptr && cbData >= 4), "a request exactly when a client fits");
+    FuzzCheck(read == (delivered != nullptr && cbData >= 4),
+              "a request exactly when a client fits");
     if (read) {
         uint32_t client;
         memcpy(&client, block.data(), 4);
-        Check(request.hClientWnd == static_cast<int32_t>(client), "client of the first four bytes");
-        Check(request.nFlags == ((dwData >> 16) & 0xFFFF), "flags of bits 16-31");
+        FuzzCheck(request.hClientWnd == static_cast<int32_t>(client),
+                  "client of the first four bytes");
+        FuzzCheck(request.nFlags == ((dwData >> 16) & 0xFFFF), "flags of bits 16-31");
         // The expected names, read here independently.
         std::vector<size_t> expected;
         size_t at = 4;
@@ -59,10 +50,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* input, size_t size) {
             if (length < 260) expected.push_back(at);
             at += length + 1;
         }
-        Check(request.nNames == static_cast<int>(expected.size()),
-              "the names that fit, up to a malformed one");
+        FuzzCheck(request.nNames == static_cast<int>(expected.size()),
+                  "the names that fit, up to a malformed one");
         for (int i = 0; i < request.nNames; ++i) {
-            Check(request.names[i] == data + expected[i], "each name where the block holds it");
+            FuzzCheck(request.names[i] == data + expected[i], "each name where the block holds it");
         }
     }
     free(data);

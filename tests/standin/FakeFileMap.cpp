@@ -1,4 +1,4 @@
-#include "FakeFileMap.h"
+#include "Standins.h"
 
 #include <atomic>
 #include <cstdio>

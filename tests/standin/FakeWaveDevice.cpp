@@ -1,4 +1,4 @@
-#include "FakeWaveDevice.h"
+#include "Standins.h"
 
 #include <chrono>
 #include <condition_variable>
@@ -15,7 +15,7 @@ namespace {
 std::mutex g_mutex;  // guards everything below and every device's queue
 std::condition_variable g_changed;
 fake_wave::Script g_script;
-int g_allocs, g_prepares, g_writes, g_open, g_pending;
+int g_allocs, g_prepares, g_writes, g_open;
 bool g_released;
 std::vector<std::string> g_written;
 
@@ -35,11 +35,8 @@ bool Stalled() {
 
 // Reports outside the lock, as a system's callback thread would.
 void Report(Device* device, const std::deque<WaveBuffer*>& done) {
-    for (WaveBuffer* buffer : done) {
+    for (WaveBuffer* buffer : done)
         WaveDeviceDone(device->instance, reinterpret_cast<uintptr_t>(buffer));
-        std::lock_guard<std::mutex> lock(g_mutex);
-        --g_pending;
-    }
 }
 
 void Play(Device* device) {
@@ -59,11 +56,6 @@ void Play(Device* device) {
         Report(device, done);
         lock.lock();
     }
-}
-
-// The n-th call counted by counter since Reset is the one the script names.
-bool Fails(int& counter, int failAt) {
-    return ++counter == failAt;
 }
 
 }  // namespace
@@ -92,11 +84,6 @@ int fake_wave::OpenDevices() {
     return g_open;
 }
 
-int fake_wave::Pending() {
-    std::lock_guard<std::mutex> lock(g_mutex);
-    return g_pending;
-}
-
 uint32_t WaveOpen(WaveDevice* device, const WaveFormat&, uintptr_t instance) {
     std::lock_guard<std::mutex> lock(g_mutex);
     *device = 0;
@@ -110,7 +97,7 @@ uint32_t WaveOpen(WaveDevice* device, const WaveFormat&, uintptr_t instance) {
 
 uint32_t WavePrepare(WaveDevice, WaveBuffer*) {
     std::lock_guard<std::mutex> lock(g_mutex);
-    return Fails(g_prepares, g_script.failPrepareAt) ? fake_wave::kError : 0;
+    return ++g_prepares == g_script.failPrepareAt ? fake_wave::kError : 0;
 }
 
 uint32_t WaveUnprepare(WaveDevice, WaveBuffer*) {
@@ -119,9 +106,8 @@ uint32_t WaveUnprepare(WaveDevice, WaveBuffer*) {
 
 uint32_t WaveWrite(WaveDevice device, WaveBuffer* buffer) {
     std::lock_guard<std::mutex> lock(g_mutex);
-    if (Fails(g_writes, g_script.failWriteAt)) return fake_wave::kError;
+    if (++g_writes == g_script.failWriteAt) return fake_wave::kError;
     g_written.emplace_back(buffer->pData, buffer->nLength);
-    ++g_pending;
     Of(device)->queue.push_back(buffer);
     g_changed.notify_all();
     return 0;
@@ -153,7 +139,7 @@ uint32_t WaveClose(WaveDevice device) {
 void* WaveAlloc(size_t size) {
     {
         std::lock_guard<std::mutex> lock(g_mutex);
-        if (Fails(g_allocs, g_script.failAllocAt)) return nullptr;
+        if (++g_allocs == g_script.failAllocAt) return nullptr;
     }
     return std::calloc(1, size);
 }

@@ -48,16 +48,8 @@ inline Bytes FmtChunk(uint16_t format = 1, uint16_t channels = 2, uint32_t rate 
 
 // MPEG audio: a header without CRC from its fields' values (layer 0 gives the reserved bits), and
 // frames of it filled with zeros, which never look like a sync.
-enum {
-    kMpeg25 = 0,
-    kMpegReserved = 1,
-    kMpeg2 = 2,
-    kMpeg1 = 3,
-    kStereo = 0,
-    kJoint = 1,
-    kDual = 2,
-    kMono = 3
-};
+enum { kMpeg25 = 0, kMpegReserved = 1, kMpeg2 = 2, kMpeg1 = 3 };  // versions
+enum { kStereo = 0, kJoint = 1, kDual = 2, kMono = 3 };           // modes
 inline Bytes MpegHeader(int version, int layer, int bitrate, int rate, int mode = kJoint,
                         int pad = 0, int emphasis = 0) {
     return {'\xFF', char(0xE1 | version << 3 | (4 - layer) % 4 << 1),

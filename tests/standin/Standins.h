@@ -1,7 +1,13 @@
 #pragma once
-// A wave device for the native builds (WavOutPlatform.h): each open device has a thread that
-// "plays" its queued buffers in order, playMicros each, and reports them done; a reset reports
-// what is queued at once. Each Reset sets what the devices do until the next.
+// What the native builds put in the system's place, and how a test steers it.
+//
+// A wave device (WavOutPlatform.h): each open device has a thread that "plays" its queued
+// buffers in order, playMicros each, and reports them done; a reset reports what is queued at
+// once. Each Reset sets what the devices do until the next.
+//
+// A file map (FileMapPlatform.h): each view is a copy of the file read into memory. A test can
+// make the next view fail by an exception, as a fault while the system reads a mapped file would
+// surface in a reader.
 
 #include <cstdint>
 #include <string>
@@ -24,5 +30,11 @@ void Reset(const Script& script = Script());
 void Release();
 std::vector<std::string> Written();  // every buffer written since Reset, as its bytes
 int OpenDevices();
-int Pending();  // buffers written and not reported done yet
+
 }  // namespace fake_wave
+
+namespace fake_files {
+
+void ThrowAtNextView();
+
+}  // namespace fake_files
