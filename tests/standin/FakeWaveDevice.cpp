@@ -34,9 +34,8 @@ bool Stalled() {
 }
 
 // Reports outside the lock, as a system's callback thread would.
-void Report(Device* device, const std::deque<WaveBuffer*>& done) {
-    for (WaveBuffer* buffer : done)
-        WaveDeviceDone(device->instance, reinterpret_cast<uintptr_t>(buffer));
+void Report(Device* device, WaveBuffer* done) {
+    WaveDeviceDone(device->instance, reinterpret_cast<uintptr_t>(done));
 }
 
 void Play(Device* device) {
@@ -50,7 +49,7 @@ void Play(Device* device) {
         std::this_thread::sleep_for(playing);
         lock.lock();
         if (device->queue.empty()) continue;  // reset meanwhile
-        std::deque<WaveBuffer*> done(1, device->queue.front());
+        WaveBuffer* done = device->queue.front();
         device->queue.pop_front();
         lock.unlock();
         Report(device, done);
@@ -119,7 +118,7 @@ uint32_t WaveReset(WaveDevice device) {
         std::lock_guard<std::mutex> lock(g_mutex);
         if (!Stalled()) done.swap(Of(device)->queue);
     }
-    Report(Of(device), done);
+    for (WaveBuffer* buffer : done) Report(Of(device), buffer);
     return 0;
 }
 

@@ -62,11 +62,10 @@ END_MESSAGE_MAP()
 ProbeWnd* MakeProbe(const char* title) {
     ProbeWnd* wnd = new ProbeWnd;
     RECT rect = {0, 0, 10, 10};
-    if (!wnd->Create(nullptr, title, WS_OVERLAPPED, rect)) return nullptr;
-    return wnd;
+    return wnd->Create(nullptr, title, WS_OVERLAPPED, rect) ? wnd : nullptr;
 }
 
-TEST(Framework, MessagesReachTheMostDerivedHandlerAndDefault) {
+TEST(Framework, MessagesReachTheMostDerivedHandlerAndWindowsDeleteThemselves) {
     g_events.clear();
     ProbeWnd* wnd = MakeProbe("seven c");
     ASSERT_NE(wnd, nullptr);
@@ -80,20 +79,15 @@ TEST(Framework, MessagesReachTheMostDerivedHandlerAndDefault) {
     EXPECT_EQ(SendMessageA(hWnd, WM_TIMER, 2, 0), 0);
     EXPECT_TRUE(IsWindow(hWnd));
 
-    // WM_CLOSE is the base class's: it destroys the window, which deletes the object.
+    // WM_CLOSE is the base class's: it destroys the window, which deletes the object; a window
+    // destroyed inside its own handler is deleted after the handler.
     SendMessageA(hWnd, WM_CLOSE, 0, 0);
     EXPECT_FALSE(IsWindow(hWnd));
-    EXPECT_EQ(g_events, (std::vector<std::string>{"create", "deleted"}));
-}
-
-TEST(Framework, WindowDestroyedInItsOwnHandlerIsDeletedAfterIt) {
-    g_events.clear();
-    ProbeWnd* wnd = MakeProbe("probe");
-    ASSERT_NE(wnd, nullptr);
-    HWND hWnd = wnd->GetSafeHwnd();
+    hWnd = MakeProbe("probe")->GetSafeHwnd();
     SendMessageA(hWnd, WM_TIMER, 1, 0);
     EXPECT_FALSE(IsWindow(hWnd));
-    EXPECT_EQ(g_events, (std::vector<std::string>{"create", "deleted after handler"}));
+    EXPECT_EQ(g_events,
+              (std::vector<std::string>{"create", "deleted", "create", "deleted after handler"}));
 }
 
 TEST(Framework, DestroyingTheMainWindowEndsTheMessageLoop) {
