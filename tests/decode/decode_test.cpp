@@ -1,0 +1,286 @@
+// Decoding against references, and quorbel-decode end to end. This system's PCM is the negative
+// of the standard's: it is compared with the references negated. The PCM of every stream and
+// material is also pinned by its hash (tests/data/pcm-hashes.txt): a change of the decoding that
+// moves any sample fails there, where the tolerances of the comparisons would let it pass.
+
+#include <gtest/gtest.h>
+#include <sys/wait.h>
+
+#include <algorithm>
+#include <cmath>
+#include <filesystem>
+#include <memory>
+
+#include "player/mp3/MP3Stream.h"
+#include "player/mp3/decoder/DecoderTables.h"
+#include "tests/support/TestSupport.h"
+
+namespace {
+
+using namespace test_support;
+const std::string kConformance = std::string(QUORBEL_SHARED_DATA_DIR) + "/conformance/";
+
+std::vector<int16_t> Samples(const Bytes& bytes) {  // little-endian
+    std::vector<int16_t> s;
+    for (size_t i = 0; i + 1 < bytes.size(); i += 2)
+        s.push_back(int16_t(uint8_t(bytes[i]) | uint8_t(bytes[i + 1]) << 8));
+    return s;
+}
+
+// The player's walk over a file to the stream's end: its PCM as the batches hand it out.
+bool Walk(const std::string& path, MP3StreamInfo* info, Bytes* pcm) {
+    InitDecoderTables();
+    CMP3Stream walk;
+    if (!walk.Open(path.c_str())) return false;
+    *info = walk.StreamInfo();
+    const auto batch = [](void* to, const uint8_t* bytes, uint32_t n) {
+        return static_cast<Bytes*>(to)->append(reinterpret_cast<const char*>(bytes), n), 1;
+    };
+    return walk.Pass(batch, pcm) == 1 && walk.RefusedError() == 0;
+}
+
+// The largest and the RMS difference of ours from the reference negated.
+std::pair<int, double> Negated(const int16_t* ours, const int16_t* reference, size_t n) {
+    int max = 0;
+    double sum = 0;
+    for (size_t i = 0; i < n; ++i) {
+        max = std::max(max, std::abs(ours[i] + reference[i]));
+        sum += double(ours[i] + reference[i]) * (ours[i] + reference[i]);
+    }
+    return {max, n ? std::sqrt(sum / double(n)) : 0.0};
+}
+
+// The hash (FNV-1a) of the PCM bytes must be the one recorded for name.
+void ExpectRecordedPcm(const std::string& name, const Bytes& pcm) {
+    uint64_t hash = 14695981039346656037ull;
+    for (char byte : pcm) hash = (hash ^ uint8_t(byte)) * 1099511628211ull;
+    char text[17];
+    std::snprintf(text, sizeof text, "%016llx", static_cast<unsigned long long>(hash));
+    std::ifstream recorded(std::string(QUORBEL_SOURCE_DIR) + "/tests/data/pcm-hashes.txt");
+    std::string key, value = "(none)";
+    while (recorded >> key >> value && key != name) value = "(none)";
+    EXPECT_EQ(value, text) << "PCM of " << name;
+}
+
+// A shell command's exit status, run in the folder (the tests' paths hold no quote); its output
+// with its errors in *output.
+int Shell(const std::string& folder, const std::string& command, std::string* output) {
+    output->clear();
+    FILE* pipe = popen(("cd '" + folder + "' && " + command + " 2>&1").c_str(), "r");
+    char buffer[4096];
+    for (size_t n; pipe && (n = fread(buffer, 1, sizeof buffer, pipe)) > 0;)
+        output->append(buffer, n);
+    const int status = pipe ? pclose(pipe) : -1;
+    return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+}
+
+// ---- The conformance streams, decoded frame by frame by the decoder's own lengths (the walk
+// would leave l3-hecommon at the reserved emphasis the scanner refuses), without the frames
+// skipped for want of reservoir data and the last one, which the reference leaves out. Each
+// stream's figures are pinned from both sides, within what two float implementations may move
+// them (a maximum by 1, an RMS by a few hundredths), so that a fault in any deliberate departure
+// shows: polarity; truncation (rounding takes every RMS far below 0.7); the band (a wider one
+// lowers l3-si_huff's and the MPEG-2 figures); the mixed-block rule (the standard's lowers
+// l3-si_block's). Every build of the synthesis windowing must meet them.
+struct Stream {
+    const char* name;
+    int maxDiff;
+    double rms;
+    int channels, rate;
+};
+const Stream kStreams[] = {
+    {"l3-compl", 1, 0.71, 1, 48000},
+    {"l3-he_32khz", 1, 0.70, 1, 32000},
+    {"l3-he_44khz", 1, 0.70, 1, 44100},
+    {"l3-he_48khz", 1, 0.70, 1, 48000},
+    {"l3-hecommon", 1, 0.71, 2, 44100},
+    {"l3-si", 1, 0.65, 1, 44100},
+    {"l3-si_block", 291, 18.6, 1, 44100},  // mixed-block flag on block types 1 and 3
+    {"l3-si_huff", 4, 0.73, 1, 44100},     // sound in the top subband
+    {"l3-sin1k0db", 1, 0.71, 2, 44100},
+    {"M2L3_bitrate_16_all", 2, 0.70, 1, 16000},
+    {"M2L3_bitrate_22_all", 48, 0.89, 1, 22050},  // sound above line 522
+    {"M2L3_bitrate_24_all", 1, 0.70, 1, 24000},
+    {"M2L3_compl24", 101, 1.47, 1, 24000},
+    {"M2L3_noise", 6697, 1327, 2, 22050},  // noise up to the top of the band
+};
+class Conformance : public ::testing::TestWithParam<Stream> {};
+
+TEST_P(Conformance, MatchesTheNegatedReferenceWithinItsFigures) {
+    const Stream& s = GetParam();
+    const std::vector<int16_t> reference = Samples(ReadFile(kConformance + s.name + ".pcm"));
+    InitDecoderTables();
+    CMP3File file;
+    ASSERT_TRUE(file.Open((kConformance + s.name + ".bit").c_str()) && !reference.empty());
+    auto d = std::make_unique<CMP3Decoder>();
+    MP3StreamInfo info{};
+    const uint8_t* end = file.pView + file.dwSize;
+    ASSERT_EQ(d->StartDecoder(file.pFirstFrame, int32_t(end - file.pFirstFrame), &info), 1);
+    EXPECT_TRUE(info.outChannels == s.channels && info.outSampleRate == s.rate);
+    Bytes block(size_t(info.outFrameBytes), '\0'), pcm;
+    MP3FrameIO io{};
+    for (const uint8_t* f = file.pFirstFrame; f < end; f += io.inLength) {
+        io.inData = f, io.inLength = int32_t(end - f),
+        io.outData = reinterpret_cast<uint8_t*>(&block[0]);
+        if (!d->DecodeFrame(&io)) break;
+        if (d->ReservoirStart >= 0) pcm += block;
+    }
+    const std::vector<int16_t> ours = Samples(pcm);
+    EXPECT_TRUE(ours.size() == reference.size() ||
+                ours.size() == reference.size() + block.size() / 2)
+        << ours.size() << " samples decoded, " << reference.size() << " in the reference";
+    const auto [max, rms] =
+        Negated(ours.data(), reference.data(), std::min(ours.size(), reference.size()));
+    EXPECT_NEAR(max, s.maxDiff, 1);
+    EXPECT_NEAR(rms, s.rms, 0.05 + s.rms * 0.001);  // 1327 is rounded to four digits
+    ExpectRecordedPcm(s.name, pcm);
+}
+
+INSTANTIATE_TEST_SUITE_P(Streams, Conformance, ::testing::ValuesIn(kStreams), [](const auto& info) {
+    std::string name = info.param.name;
+    std::replace(name.begin(), name.end(), '-', '_');
+    return name;
+});
+
+// ---- Material made at test time (sox: a chord with a little noise, then plucked notes; lame:
+// every MPEG version, mono, stereo, joint and dual channel, CBR and VBR with a Xing header) through
+// the player's walk, against ffmpeg's decoding negated. lame's low-pass keeps the material below
+// this decoder's band (31 subbands; line 522, or 498 at 8 kHz, for MPEG-2 and 2.5), so the two
+// must agree within 1: truncation here, rounding there. ffmpeg leaves out the Xing frame and the
+// encoder delay; the offset is found by search. The hashes pin the material too: a tool that
+// encodes otherwise fails them.
+struct Material {
+    int rate, channels, version;  // the version as the stream must come out, 3: MPEG-2.5
+    const char* lame;             // bitrate or VBR quality, and channel mode
+};
+const Material kMaterials[] = {
+    {44100, 2, 1, "-b 128 -m s"}, {48000, 2, 1, "-b 192 -m j"}, {32000, 1, 1, "-b 64 -m m"},
+    {44100, 2, 1, "-V 2 -m j"},   {48000, 1, 1, "-V 4 -m m"},   {44100, 2, 1, "-b 160 -m d"},
+    {22050, 2, 2, "-b 64 -m s"},  {16000, 1, 2, "-b 32 -m m"},  {22050, 2, 2, "-V 3 -m j"},
+    {16000, 2, 2, "-b 48 -m j"},  {11025, 1, 3, "-b 24 -m m"},  {8000, 2, 3, "-b 16 -m s"},
+    {11025, 2, 3, "-V 5 -m j"},   {8000, 1, 3, "-V 6 -m m"},
+};
+class Differential : public ::testing::TestWithParam<Material> {};
+
+TEST_P(Differential, AgreesWithFfmpegWithinOne) {
+    const Material& m = GetParam();
+    const TempFolder dir;
+    // Tones at 3, 11 and 37% of the band, apart in left and right, then attacks that make the
+    // encoder switch to short blocks; the low-pass ends at 80% of Nyquist with a narrow edge.
+    const std::string f = " -r " + std::to_string(m.rate) + " -b 16 ";
+    const auto tone = [&](double part) {
+        return " sine " + std::to_string(int(m.rate / 2 * part));
+    };
+    const std::string commands =
+        "sox -R -n" + f + "chord.wav synth 2.5" + tone(0.03) + tone(0.11) + tone(0.37) +
+        " whitenoise remix " +
+        (m.channels == 2 ? "1v0.3,2v0.2,4v0.03 2v0.15,3v0.3,4v0.03" : "1v0.3,2v0.2,3v0.15,4v0.03") +
+        " && sox -R -n" + f + "-c " + std::to_string(m.channels) +
+        " notes.wav synth 0.3 pluck C4 : synth 0.2 pluck E4 : synth 0.3 pluck G4 : synth 0.5 pluck "
+        "A3 vol 0.5 && sox -R chord.wav notes.wav sound.wav norm -6 && lame --quiet " +
+        m.lame + " --resample " + std::to_string(m.rate / 1000.0) + " --lowpass " +
+        std::to_string(m.rate / 2000.0 * 0.8) + " --lowpass-width " +
+        std::to_string(m.rate / 2000.0 * 0.04) +
+        " sound.wav sound.mp3 && ffmpeg -nostdin -v error -i sound.mp3 -f s16le -acodec pcm_s16le "
+        "ffmpeg.raw";
+    std::string output;
+    ASSERT_EQ(Shell(dir.Path(""), commands, &output), 0) << commands << "\n" << output;
+    MP3StreamInfo info{};
+    Bytes pcm;
+    ASSERT_TRUE(Walk(dir.Path("sound.mp3"), &info, &pcm)) << "the walk stopped short";
+    ExpectRecordedPcm(::testing::UnitTest::GetInstance()->current_test_info()->name(), pcm);
+    EXPECT_TRUE(info.outSampleRate == m.rate && info.outChannels == m.channels &&
+                int(info.version) == m.version);
+    // ours[i + offset] against ffmpeg's [i], the offset where most of a window from the middle
+    // agrees within 1.
+    const std::vector<int16_t> ours = Samples(pcm),
+                               reference = Samples(ReadFile(dir.Path("ffmpeg.raw")));
+    ASSERT_GT(reference.size(), size_t(m.rate));
+    const long frame = (m.version == 1 ? 1152 : 576) * m.channels,
+               start = long(reference.size()) / 3 / m.channels * m.channels;
+    long offset = -1, best = 0;
+    for (long o = 0; o <= 5 * frame; o += m.channels) {
+        long agree = 0;
+        for (long k = 0; k < 8192 && start + k + o < long(ours.size()); ++k)
+            agree += std::abs(ours[start + k + o] + reference[start + k]) <= 1;
+        if (agree > best) best = agree, offset = o;
+    }
+    ASSERT_GE(offset, 0);
+    const size_t count = std::min(reference.size(), ours.size() - size_t(offset));
+    EXPECT_GE(count + size_t(frame), reference.size());  // all of ffmpeg's but the last overlap
+    const auto [max, rms] = Negated(ours.data() + offset, reference.data(), count);
+    EXPECT_TRUE(max == 1 && std::fabs(rms - 0.707) < 0.05) << max << " " << rms;
+}
+
+// Named by rate and lame's options: 44100_b_128_m_s.
+INSTANTIATE_TEST_SUITE_P(Materials, Differential, ::testing::ValuesIn(kMaterials),
+                         [](const auto& info) {
+                             std::string name = std::to_string(info.param.rate);
+                             for (const char* c = info.param.lame; *c; ++c)
+                                 if (*c != '-') name += *c == ' ' ? '_' : *c;
+                             return name;
+                         });
+
+// ---- quorbel-decode end to end, for what no other test sees: the WAV file around the walk's
+// PCM, raw output, the WAV on standard output (a pipe: its sizes known before the data), --help
+// and --version, the exit codes with their messages and log lines; and, through the tool, the
+// walk's ends: a frame skipped for want of reservoir data keeps what the block held there from
+// the batch before (the PCM of the frame ten earlier), and a frame cut short ends the pass.
+class QuorbelDecode : public ::testing::Test {
+protected:
+    int Tool(const std::string& arguments) {  // in the folder, where the log lands
+        return Shell(dir.Path(""), "'" QUORBEL_DECODE_PATH "' " + arguments, &output);
+    }
+    TempFolder dir;
+    std::string output;
+};
+
+TEST_F(QuorbelDecode, WritesTheWalksPcmAsWavOrRaw) {
+    const std::string in = "'" + kConformance + "M2L3_noise.bit' ";  // 22.05 kHz stereo
+    ASSERT_TRUE(Tool(in + "out.wav") == 0 && Tool("--raw " + in + "out.raw") == 0) << output;
+    MP3StreamInfo info{};
+    Bytes walked;
+    ASSERT_TRUE(Walk(kConformance + "M2L3_noise.bit", &info, &walked));
+    EXPECT_TRUE(ReadFile(dir.Path("out.raw")) == walked);
+    EXPECT_TRUE(ReadFile(dir.Path("out.wav")) ==
+                Riff(Chunk("fmt ", FmtBody(1, 2, 22050, 16)) + Chunk("data", walked)));
+    ASSERT_EQ(Tool(in + "- | cat > piped.wav"), 0) << output;
+    EXPECT_TRUE(ReadFile(dir.Path("piped.wav")) == ReadFile(dir.Path("out.wav")));
+}
+
+TEST_F(QuorbelDecode, ExitCodesForWhatItCannotDo) {
+    // MPEG-1 Layer II frames: the scanner takes them, the decoder's start does not.
+    ASSERT_TRUE(
+        WriteFile(dir.Path("layer2.mp3"), MpegFrames(Bytes("\xFF\xFD\x90\x00", 4), 522, 4)));
+    EXPECT_TRUE(Tool("layer2.mp3 out.wav") == 1 && !std::filesystem::exists(dir.Path("out.wav")) &&
+                output.find("cannot play layer2.mp3") != std::string::npos)
+        << output;
+    const Bytes log = ReadFile(dir.Path("quorbel.log"));
+    EXPECT_TRUE(log.find("[tools/quorbel-decode:") != Bytes::npos &&
+                log.find("]file(layer2.mp3),decoder start failed\n") != Bytes::npos)
+        << log;
+    EXPECT_TRUE(Tool("only-one-name.mp3") == 2 && output.find("usage:") != std::string::npos);
+    EXPECT_TRUE(Tool("--help") == 0 && output.find("usage:") == 0) << output;
+    EXPECT_TRUE(Tool("--version") == 0 && output == "quorbel-decode " QUORBEL_VERSION "\n")
+        << output;
+    EXPECT_EQ(Tool("'" + kConformance + "l3-si.bit' '" + dir.Path("") + "'"), 3);  // a folder
+}
+
+TEST_F(QuorbelDecode, TheWalksEndsSkippedAndCutFrames) {
+    // 24-byte frames with 11 bytes of main data: frame 12 pointing 255 bytes back reaches past
+    // the reservoir; frame 30 is cut after its header.
+    Bytes stream = ReadFile(kConformance + "M2L3_bitrate_24_all.bit").substr(0, 30 * 24 + 10);
+    ASSERT_EQ(stream.substr(12 * 24, 2), "\xFF\xF3");
+    stream[12 * 24 + 4] = '\xFF';
+    ASSERT_TRUE(WriteFile(dir.Path("patched.mp3"), stream));
+    ASSERT_EQ(Tool("--verbose --raw patched.mp3 out.raw"), 0) << output;
+    EXPECT_NE(output.find("ended at the frame at offset 720, refused with code 5"),
+              std::string::npos)
+        << output;
+    const Bytes raw = ReadFile(dir.Path("out.raw"));
+    ASSERT_EQ(raw.size(), 30u * 1152);
+    const auto frame = [&](size_t i) { return raw.substr(i * 1152, 1152); };
+    EXPECT_TRUE(frame(2) != Bytes(1152, '\0') && frame(12) == frame(2) && frame(13) != frame(3));
+}
+
+}  // namespace
