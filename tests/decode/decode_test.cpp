@@ -235,17 +235,31 @@ protected:
     std::string output;
 };
 
-TEST_F(QuorbelDecode, WritesTheWalksPcmAsWavOrRaw) {
-    const std::string in = "'" + kConformance + "M2L3_noise.bit' ";  // 22.05 kHz stereo
-    ASSERT_TRUE(Tool(in + "out.wav") == 0 && Tool("--raw " + in + "out.raw") == 0) << output;
+// 24-byte frames with 11 bytes of main data: frame 12 pointing 255 bytes back reaches past the
+// reservoir; frame 30 is cut after its header.
+TEST_F(QuorbelDecode, WritesTheWalksPcmToItsEndsAsWavOrRaw) {
+    Bytes stream = ReadFile(kConformance + "M2L3_bitrate_24_all.bit").substr(0, 30 * 24 + 10);
+    ASSERT_EQ(stream.substr(12 * 24, 2), "\xFF\xF3");
+    stream[12 * 24 + 4] = '\xFF';
+    ASSERT_TRUE(WriteFile(dir.Path("patched.mp3"), stream));
+    ASSERT_TRUE(Tool("patched.mp3 out.wav") == 0 &&
+                Tool("--verbose --raw patched.mp3 out.raw") == 0)
+        << output;
+    EXPECT_NE(output.find("ended at the frame at offset 720, refused with code 5"),
+              std::string::npos)
+        << output;
     MP3StreamInfo info{};
     Bytes walked;
-    ASSERT_TRUE(Walk(kConformance + "M2L3_noise.bit", &info, &walked));
-    EXPECT_TRUE(ReadFile(dir.Path("out.raw")) == walked);
+    Walk(dir.Path("patched.mp3"), &info, &walked);
+    const Bytes raw = ReadFile(dir.Path("out.raw"));
+    EXPECT_TRUE(raw == walked);
     EXPECT_TRUE(ReadFile(dir.Path("out.wav")) ==
-                Riff(Chunk("fmt ", FmtBody(1, 2, 22050, 16)) + Chunk("data", walked)));
-    ASSERT_EQ(Tool(in + "- | cat > piped.wav"), 0) << output;
+                Riff(Chunk("fmt ", FmtBody(1, 1, 24000, 16)) + Chunk("data", raw)));
+    ASSERT_EQ(Tool("patched.mp3 - | cat > piped.wav"), 0) << output;
     EXPECT_TRUE(ReadFile(dir.Path("piped.wav")) == ReadFile(dir.Path("out.wav")));
+    ASSERT_EQ(raw.size(), 30u * 1152);
+    const auto frame = [&](size_t i) { return raw.substr(i * 1152, 1152); };
+    EXPECT_TRUE(frame(2) != Bytes(1152, '\0') && frame(12) == frame(2) && frame(13) != frame(3));
 }
 
 TEST_F(QuorbelDecode, ExitCodesForWhatItCannotDo) {
@@ -264,23 +278,6 @@ TEST_F(QuorbelDecode, ExitCodesForWhatItCannotDo) {
     EXPECT_TRUE(Tool("--version") == 0 && output == "quorbel-decode " QUORBEL_VERSION "\n")
         << output;
     EXPECT_EQ(Tool("'" + kConformance + "l3-si.bit' '" + dir.Path("") + "'"), 3);  // a folder
-}
-
-TEST_F(QuorbelDecode, TheWalksEndsSkippedAndCutFrames) {
-    // 24-byte frames with 11 bytes of main data: frame 12 pointing 255 bytes back reaches past
-    // the reservoir; frame 30 is cut after its header.
-    Bytes stream = ReadFile(kConformance + "M2L3_bitrate_24_all.bit").substr(0, 30 * 24 + 10);
-    ASSERT_EQ(stream.substr(12 * 24, 2), "\xFF\xF3");
-    stream[12 * 24 + 4] = '\xFF';
-    ASSERT_TRUE(WriteFile(dir.Path("patched.mp3"), stream));
-    ASSERT_EQ(Tool("--verbose --raw patched.mp3 out.raw"), 0) << output;
-    EXPECT_NE(output.find("ended at the frame at offset 720, refused with code 5"),
-              std::string::npos)
-        << output;
-    const Bytes raw = ReadFile(dir.Path("out.raw"));
-    ASSERT_EQ(raw.size(), 30u * 1152);
-    const auto frame = [&](size_t i) { return raw.substr(i * 1152, 1152); };
-    EXPECT_TRUE(frame(2) != Bytes(1152, '\0') && frame(12) == frame(2) && frame(13) != frame(3));
 }
 
 }  // namespace
