@@ -8,7 +8,6 @@
 
 #include <algorithm>
 #include <cmath>
-#include <filesystem>
 #include <memory>
 
 #include "player/mp3/MP3Stream.h"
@@ -66,7 +65,7 @@ void ExpectRecordedPcm(const std::string& name, const Bytes& pcm) {
 // with its errors in *output.
 int Shell(const std::string& folder, const std::string& command, std::string* output) {
     output->clear();
-    FILE* pipe = popen(("cd '" + folder + "' && " + command + " 2>&1").c_str(), "r");
+    FILE* pipe = popen(("cd '" + folder + "' && (" + command + ") 2>&1").c_str(), "r");
     char buffer[4096];
     for (size_t n; pipe && (n = fread(buffer, 1, sizeof buffer, pipe)) > 0;)
         output->append(buffer, n);
@@ -266,7 +265,7 @@ TEST_F(QuorbelDecode, ExitCodesForWhatItCannotDo) {
     // MPEG-1 Layer II frames: the scanner takes them, the decoder's start does not.
     ASSERT_TRUE(
         WriteFile(dir.Path("layer2.mp3"), MpegFrames(Bytes("\xFF\xFD\x90\x00", 4), 522, 4)));
-    EXPECT_TRUE(Tool("layer2.mp3 out.wav") == 1 && !std::filesystem::exists(dir.Path("out.wav")) &&
+    EXPECT_TRUE(Tool("layer2.mp3 out.wav") == 1 && !fs::exists(dir.Path("out.wav")) &&
                 output.find("cannot play layer2.mp3") != std::string::npos)
         << output;
     const Bytes log = ReadFile(dir.Path("quorbel.log"));
