@@ -63,8 +63,7 @@ void ExpectRecordedPcm(const std::string& name, const Bytes& pcm) {
     EXPECT_EQ(value, text) << "PCM of " << name;
 }
 
-// A shell command's exit status, run in the folder (the tests' paths hold no quote); its output
-// with its errors in *output.
+// A shell command's exit status in folder (no path here holds a quote); in *output what it wrote.
 int Shell(const std::string& folder, const std::string& command, std::string* output) {
     output->clear();
     FILE* pipe = popen(("cd '" + folder + "' && (" + command + ") 2>&1").c_str(), "r");

@@ -61,11 +61,10 @@ const Bytes kMpeg1 = {0xFF, 0xFB, 0x90, 0x64}, kMpeg2 = {0xFF, 0xF3, 0x80, 0x64}
 constexpr uint32_t kNoSync = 3, kBadField = 4, kShortInput = 5;
 // length bytes: the header, then side information of these (value, bits) fields, then zeros.
 Bytes Frame(Bytes header, std::vector<std::pair<uint32_t, int>> side = {}, size_t length = 2000) {
-    BitWriter w;
+    BitWriter w{header, 32};  // on after the header's 32 bits
     for (auto f : side) w.Put(f.first, f.second);
-    header.insert(header.end(), w.bytes.begin(), w.bytes.end());
-    header.resize(length);
-    return header;
+    w.bytes.resize(length);
+    return w.bytes;
 }
 // A decoder (on the heap: it is large) started on a silent frame with this header.
 std::unique_ptr<CMP3Decoder> Started(const Bytes& header) {
