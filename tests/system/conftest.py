@@ -21,11 +21,9 @@ LOOP, STOP, STOP_OTHERS, STOP_CLIENT, IGNORE_FOREGROUND = 0x01, 0x02, 0x04, 0x08
 
 def wait_until(condition, timeout, step=0.05):
     end = time.monotonic() + timeout
-    while not condition():
-        if time.monotonic() >= end:
-            return False
+    while not condition() and time.monotonic() < end:
         time.sleep(step)
-    return True
+    return condition()
 
 
 @pytest.fixture(scope="session")
@@ -54,37 +52,28 @@ class WinProcess(subprocess.Popen):
 
 
 def run_windows(exe, args=(), cwd=None, output=None, timeout=30):
-    """Its exit status, or None when it did not end in time (it is killed then)."""
+    """Its exit status; one that does not end in time is killed and fails the test."""
     with (output.open("wb") if output else open(os.devnull, "wb")) as out:
-        p = WinProcess(exe, args, cwd=cwd, stdout=out, stderr=subprocess.STDOUT)
-        status = p.wait(timeout)
-        if status is None:
-            p.kill()
-        return status
+        return subprocess.run(["wine", exe, *map(str, args)], cwd=cwd, stdout=out, stderr=subprocess.STDOUT,
+                              timeout=timeout).returncode
 
 
 class Client(WinProcess):
     """win/console_client.cpp: its commands asked one by one, or all read from a file as its input."""
 
-    def __init__(self, exe, cwd, stdin=subprocess.PIPE):
-        super().__init__(exe, cwd=cwd, stdin=stdin, stdout=subprocess.PIPE)
+    def __init__(self, exe, cwd, **streams):
+        super().__init__(exe, cwd=cwd, **{"stdin": subprocess.PIPE, "stdout": subprocess.PIPE, **streams})
         self.buffer = b""
-
-    def read(self, timeout=0):
-        """False at the end of output."""
-        if not select.select([self.stdout], [], [], timeout)[0]:
-            return True
-        chunk = os.read(self.stdout.fileno(), 65536)
-        self.buffer += chunk
-        return bool(chunk)
 
     def ask(self, *fields, timeout=30):
         self.stdin.write(("\t".join(map(str, fields)) + "\n").encode())
         self.stdin.flush()
         end = time.monotonic() + timeout
         while b"\n" not in self.buffer:
-            assert time.monotonic() < end, f"no answer to {fields[0]}"
-            assert self.read(end - time.monotonic()), f"the client ended at {fields[0]}"
+            assert select.select([self.stdout], [], [], max(0, end - time.monotonic()))[0], f"no answer to {fields[0]}"
+            chunk = os.read(self.stdout.fileno(), 65536)
+            assert chunk, f"the client ended at {fields[0]}"
+            self.buffer += chunk
         answer, self.buffer = self.buffer.split(b"\n", 1)
         return answer.decode().strip()
 
@@ -92,10 +81,8 @@ class Client(WinProcess):
         assert self.ask("window") != "0x00000000"
 
     def send(self, flags, *names, timeout=30):
+        """From the client's window, or as client 0 (a play of no window, never swept) before it has one."""
         return self.ask("send", f"{flags:X}", *names, timeout=timeout) == "1"
-
-    def send_as(self, client, flags, *names, timeout=30):
-        return self.ask("sendas", client, f"{flags:X}", *names, timeout=timeout) == "1"
 
     def server_window(self):
         return self.ask("find") != "0x00000000"
@@ -115,7 +102,8 @@ class Recorder(subprocess.Popen):
         return self.path.stat().st_size // 4
 
     def samples(self):
-        return sound.read_raw(self.path)
+        data = np.fromfile(self.path, dtype="<i2")
+        return data[: len(data) // 2 * 2].reshape(-1, 2)
 
     def stop(self, after=0.4):
         """Ends the recording a little later and returns it (frames x 2)."""
@@ -131,9 +119,6 @@ class Recorder(subprocess.Popen):
             return now - RATE // 10 >= start and sound.level(self.samples(), frequency, now - RATE // 10, now) > 1000
 
         return wait_until(heard, timeout)
-
-    def silent_since(self, frame):
-        return not np.any(self.samples()[frame:])
 
 
 class Server:
@@ -156,12 +141,12 @@ class Server:
         time.sleep(0.3)
         return self.log()
 
-    def serves(self, record, seed, share=0.95):
-        """Plays a second of fresh noise as client 0 and asserts that (this share of) it is heard."""
+    def serves(self, record, seed, share=0.95, client=None):
+        """Plays a second of fresh noise from the client (the test's) and asserts that (this share of) it is heard."""
         noise = sound.noise(seed, RATE)
         sound.write_wav(self.folder / f"serves{seed}.wav", noise)
         recorder = record(f"serves{seed}")
-        assert self.client.send_as(0, IGNORE_FOREGROUND, f"serves{seed}.wav")
+        assert (client or self.client).send(IGNORE_FOREGROUND, f"serves{seed}.wav")
         time.sleep(2)
         heard = sound.match(recorder.stop(0), noise)
         assert heard.whole(share), f"the server does not serve: {heard}"
@@ -175,7 +160,7 @@ def folder(tmp_path):
 @pytest.fixture
 def new_client(exe, folder):
     started = []
-    yield lambda *stdin: started.append(Client(exe("console_client"), folder, *stdin)) or started[-1]
+    yield lambda **streams: started.append(Client(exe("console_client"), folder, **streams)) or started[-1]
     for c in started:
         c.kill()
 

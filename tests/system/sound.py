@@ -45,20 +45,9 @@ def write_mp3(path, samples, rate=RATE, *options):
     subprocess.run(["lame", "--quiet", *options, path.with_suffix(".in.wav"), path], check=True, timeout=60)
 
 
-def read_raw(path):
-    data = np.fromfile(path, dtype="<i2")
-    return data[: len(data) // 2 * 2].reshape(-1, 2)
-
-
 def _keys(frames):
     """One 32-bit value per stereo frame."""
     return np.ascontiguousarray(frames.astype(np.int16)).view(np.uint32).reshape(-1)
-
-
-def _find(rec, needle, start):
-    hits = (at for at in np.flatnonzero(rec[start : len(rec) - len(needle) + 1] == needle[0]) + start
-            if np.array_equal(rec[at : at + len(needle)], needle))
-    return next((int(at) for at in hits), None)
 
 
 class Match:
@@ -86,7 +75,9 @@ def match(recording, material, start=0):
     rec, places, early = _keys(recording), [], 0
     last_end = expected = None  # where the last block found ends; where the next should begin
     for i in range(len(material) // BLOCK_FRAMES):
-        at = _find(rec, _keys(material[i * BLOCK_FRAMES : (i + 1) * BLOCK_FRAMES]), start if last_end is None else last_end)
+        block, begin = _keys(material[i * BLOCK_FRAMES : (i + 1) * BLOCK_FRAMES]), start if last_end is None else last_end
+        at = next((int(at) for at in np.flatnonzero(rec[begin : len(rec) - BLOCK_FRAMES + 1] == block[0]) + begin
+                   if np.array_equal(rec[at : at + BLOCK_FRAMES], block)), None)
         if at is not None and expected is not None:
             if at < expected:
                 early += 1
@@ -113,12 +104,3 @@ def tone_seconds(recording, frequency, start, end, threshold=2000):
     w = RATE // 20
     end = min(end, len(recording))
     return w / RATE * sum(level(recording, frequency, at, at + w) > threshold for at in range(start, end - w + 1, w))
-
-
-def sound_runs(recording, gap_frames):
-    """Stretches [start, end) of frames with sound, split where gap_frames of silence lie."""
-    loud = np.flatnonzero(np.any(recording != 0, axis=1))
-    if len(loud) == 0:
-        return []
-    breaks = np.flatnonzero(np.diff(loud) > gap_frames)
-    return list(zip([int(loud[0])] + (loud[breaks + 1]).tolist(), (loud[breaks] + 1).tolist() + [int(loud[-1]) + 1]))

@@ -35,9 +35,9 @@ def test_never_deaf_past_the_device_limit_a_frozen_sound_server_or_a_close_it_ho
     # open at once would end every done notification of the process for good.
     server.start()
     names = [sound.write_wav(folder / f"loop{i}.wav", sound.tone(200 + 37 * i, 0.25, 300)) for i in range(64)]
-    assert client.send_as(0, LOOP | IGNORE_FOREGROUND, *names)
+    assert client.send(LOOP | IGNORE_FOREGROUND, *names)
     time.sleep(5)
-    assert client.send_as(0, STOP_CLIENT, timeout=120)  # each stop drains its play's ring
+    assert client.send(STOP_CLIENT, timeout=120)  # each stop drains its play's ring
     server.serves(record, 151)
     log = server.log()
     assert len(log) == 2 and log[0] == "[player/pub/WavOut:*]too many devices open(63)", log
@@ -47,7 +47,7 @@ def test_never_deaf_past_the_device_limit_a_frozen_sound_server_or_a_close_it_ho
     # (1.6 s) and closes it on a thread of its own, which the frozen server holds; the play ends.
     sound.write_wav(folder / "tone.wav", sound.tone(440, 1))
     recorder = record("frozen")
-    assert client.send_as(0, LOOP | IGNORE_FOREGROUND, "tone.wav")
+    assert client.send(LOOP | IGNORE_FOREGROUND, "tone.wav")
     assert recorder.wait_for_tone(440)
     sound_server("sound-freeze")
     left_open = "[player/pub/WavOut:*]device left open: close did not return within 1000 ms"
@@ -55,14 +55,14 @@ def test_never_deaf_past_the_device_limit_a_frozen_sound_server_or_a_close_it_ho
     assert server.log()[2:] in ([f"[player/pub/WavOut:*]wait for {what} timed out", left_open]
                                 for what in ("a free buffer", "buffers")), server.log()
     started = time.monotonic()
-    assert client.send_as(0, STOP, "tone.wav")  # of the ended play: at once
+    assert client.send(STOP, "tone.wav")  # of the ended play: at once
     assert time.monotonic() - started < 1
     sound_server("sound-thaw")
     server.serves(record, 161)
 
     # Frozen again while a loop plays, then closed before its device is given up: the close ends
     # the process in time although a play thread is held.
-    assert client.send_as(0, LOOP | IGNORE_FOREGROUND, "tone.wav")
+    assert client.send(LOOP | IGNORE_FOREGROUND, "tone.wav")
     assert recorder.wait_for_tone(440, recorder.now())
     sound_server("sound-freeze")
     time.sleep(0.3)
@@ -88,9 +88,9 @@ def test_sound_server_absent_or_killed_refuses_or_ends_plays_until_it_is_back(
     for first_open in (True, False):
         sound_server("sound-stop")
         before = len(server.log())
-        assert client.send_as(0, IGNORE_FOREGROUND, "noise.wav")
+        assert client.send(IGNORE_FOREGROUND, "noise.wav")
         server.wait_for_log(before + 2)
-        assert client.send_as(0, IGNORE_FOREGROUND, "tone.mp3")
+        assert client.send(IGNORE_FOREGROUND, "tone.mp3")
         log = server.wait_for_log(before + 4)[before:]
         codes = [re.fullmatch(r"\[player/pub/WavOut:\*\]waveOutOpen\(\) return\((\d+)\)", line) for line in log[::2]]
         assert len(log) == 4 and all(codes) and min(int(c.group(1)) for c in codes) > 0, log
@@ -106,12 +106,12 @@ def test_sound_server_absent_or_killed_refuses_or_ends_plays_until_it_is_back(
     # Killed mid-loop: the device no longer reports its buffers done, and every wait is bounded.
     sound.write_wav(folder / "tone.wav", sound.tone(440, 1))
     recorder = record("killed")
-    assert client.send_as(0, LOOP | IGNORE_FOREGROUND, "tone.wav")
+    assert client.send(LOOP | IGNORE_FOREGROUND, "tone.wav")
     assert recorder.wait_for_tone(440)
     sound_server("sound-stop", "--kill")
     time.sleep(0.3)
     started = time.monotonic()
-    assert client.send_as(0, STOP, "tone.wav")
+    assert client.send(STOP, "tone.wav")
     assert time.monotonic() - started <= 10 and server.process.running()
     timed_out = "[player/pub/WavOut:*]wait for buffers timed out"
     assert wait_until(lambda: timed_out in server.log()[logged:], 10, 0.1), server.log()
@@ -136,27 +136,27 @@ def test_files_replaced_or_cut_short_are_played_as_they_are_now_and_not_while_pl
     sound.write_wav(folder / "y.wav", sound.tone(440, 1))
     sound.write_wav(folder / "z.wav", sound.tone(2500, 1))
     server.start()
-    assert client.send_as(0, IGNORE_FOREGROUND, "x.wav")
+    assert client.send(IGNORE_FOREGROUND, "x.wav")
     time.sleep(1.8)  # played out and unmapped
     assert client.ask("replace", "x.new", "x.wav") == "done"  # as a Windows program replaces it
     replaced = recorder.now()
-    assert client.send_as(0, IGNORE_FOREGROUND, "x.wav")
+    assert client.send(IGNORE_FOREGROUND, "x.wav")
     time.sleep(1.8)
     mp3_whole = recorder.now()
-    assert client.send_as(0, IGNORE_FOREGROUND, "x.mp3")
+    assert client.send(IGNORE_FOREGROUND, "x.mp3")
     time.sleep(3)
 
     # Cut from the host only while nothing maps the file (Windows would refuse; Linux lets it happen and
     # the next read raises SIGBUS). An MP3 cut inside a frame plays up to the cut, that frame refused silently.
     os.truncate(folder / "x.mp3", (folder / "x.mp3").stat().st_size // 2 + 101)
     mp3_cut = recorder.now()
-    assert client.send_as(0, IGNORE_FOREGROUND, "x.mp3")
+    assert client.send(IGNORE_FOREGROUND, "x.mp3")
     time.sleep(3)
 
     # A file being played is held open, shared for reading only, and mapped: a program cannot
     # open it for writing, and a rename over it is refused (Windows' behaviour, and Wine's).
     loop_from = recorder.now()
-    assert client.send_as(0, LOOP | IGNORE_FOREGROUND, "y.wav")
+    assert client.send(LOOP | IGNORE_FOREGROUND, "y.wav")
     assert recorder.wait_for_tone(440, loop_from)
     size = (folder / "y.wav").stat().st_size
     cut, replace = client.ask("truncate", "y.wav"), client.ask("replace", "z.wav", "y.wav")
@@ -164,7 +164,7 @@ def test_files_replaced_or_cut_short_are_played_as_they_are_now_and_not_while_pl
     assert (folder / "y.wav").stat().st_size == size
     attempted = recorder.now()
     assert recorder.wait_for_tone(440, attempted + RATE // 2), "the loop did not go on"
-    assert client.send_as(0, STOP, "y.wav")
+    assert client.send(STOP, "y.wav")
     rec = recorder.stop(0.5)
     # Once the play has ended, the same cut is allowed: the refusal was the play's doing.
     assert client.ask("truncate", "y.wav") == "done"
@@ -209,11 +209,16 @@ def test_second_server_started_while_the_first_closes_leaves_one_or_none(server,
 
 
 CLIENTS, DOOMED, REQUESTS = 10, 3, 300
-REFUSED = re.compile(r"gone-\d+-\d\.wav|bad-\d+\.(wav|mp3)")
-# What the sound path logs when Wine's audio cannot keep up: counted, not failed.
-SOUND_PATH = re.compile(r"\[player/pub/WavOut:\*\](waveOutOpen\(\) return\(\d+\)|too many devices open\(63\)|wait "
-                        r"for (a free buffer|buffers) timed out)|\[player/(wav/Wav|mp3/MP3)FilePlayer:\*\]file\("
-                        r"[\w.]+\),(waveout|wav) init failed")
+REFUSED = re.compile(r"gone-\d+-\d\.wav|bad-\d+\.(?:wav|mp3)")
+# A refused play's lines (its reason, then its player's), then what the sound path logs when Wine's audio
+# cannot keep up: counted, not failed.
+REFUSAL = re.compile(rf"\[player/(?:wav/Wav|mp3/MP3)FilePlayer:\*\]file\(({REFUSED.pattern})\),open failed")
+EXPECTED = re.compile("|".join([
+    r"\[player/pub/FileMapObj:\*\]create file\(gone-\d+-\d\.wav\) failed\(0x00000002\)",
+    r"\[CWavFile::InitFileInfo\]file\(bad-\d+\.wav\),RiffHeader format=0x20495641",
+    r"\[CMP3File::(FindFirstFrameHeader|InitFileInfo)\]file\(bad-\d+\.mp3\),not valid frame header!", REFUSAL.pattern,
+    r"\[player/pub/WavOut:\*\](waveOutOpen\(\) return\(\d+\)|too many devices open\(63\)|wait for (a free buffer|buffers) "
+    r"timed out)|\[player/(wav/Wav|mp3/MP3)FilePlayer:\*\]file\([\w.]+\),(waveout|wav) init failed"]))
 
 
 def request(rng, c, tail):
@@ -234,43 +239,6 @@ def request(rng, c, tail):
     return "\t".join(["send", f"{flags:X}", *names])
 
 
-def collect(client, answers, timeout=0.002):
-    """Adds the client's answers that have come; False once its output has ended."""
-    more = client.read(timeout)
-    *done, client.buffer = client.buffer.split(b"\n")
-    answers += [a.decode().strip() for a in done]
-    return more
-
-
-def refused_plays_logged(folder, pid):
-    """Checks that every line of the log is one whole entry of this server and that each thread's
-    entries fall into whole refused plays, one name each; the plays of each name."""
-    text = (folder / "quorbel.log").read_bytes().decode()
-    assert text.endswith("\r\n"), "the log ends inside an entry"
-    threads, plays = collections.defaultdict(list), collections.Counter()
-    for n, line in enumerate(text[:-2].split("\r\n")):
-        entry = re.fullmatch(r"\[(\d{4}-\d\d-\d\d \d\d:\d\d:\d\d):\d{3} (\d{4,}):(\d{4,})\](.*)", line)
-        assert entry and int(entry.group(2)) == pid, f"line {n} is no entry of this server: {line!r}"
-        time.strptime(entry.group(1), "%Y-%m-%d %H:%M:%S")
-        message = re.sub(r"^\[([^\]:]+):\d+\]", r"[\1:*]", entry.group(4))
-        if REFUSED.search(message):
-            threads[entry.group(3)].append(message)
-        else:
-            assert SOUND_PATH.fullmatch(message), f"line {n} is not an entry expected here: {line!r}"
-    for tid, entries in threads.items():
-        while entries:
-            name = REFUSED.search(entries[0]).group(0)
-            player = "wav/WavFilePlayer" if name.endswith(".wav") else "mp3/MP3FilePlayer"
-            play = ([f"[player/pub/FileMapObj:*]create file({name}) failed(0x00000002)"] if name.startswith("gone")
-                    else [f"[CWavFile::InitFileInfo]file({name}),RiffHeader format=0x20495641"] if player[0] == "w"
-                    else [f"[CMP3File::{f}]file({name}),not valid frame header!"
-                          for f in ("FindFirstFrameHeader", "InitFileInfo")]) + [f"[player/{player}:*]file({name}),open failed"]
-            assert entries[: len(play)] == play, f"thread {tid}: not one whole refused play: {entries[:4]}"
-            plays[name] += 1
-            entries = entries[len(play) :]
-    return plays
-
-
 def counts(server, client):
     """The server's process id, threads (Linux tasks), an event's type number, handles by type."""
     found = re.fullmatch(r"pid (\d+) event (\d+) types((?: \d+:\d+)*)", client.ask("handles"))
@@ -280,7 +248,7 @@ def counts(server, client):
 
 
 def test_ten_clients_three_killed_leave_the_server_serving_quiet_whole_and_at_its_baseline(
-        server, client, new_client, recorder, folder):
+        server, client, new_client, recorder, record, folder):
     for k, frequency in enumerate((523, 784, 1175, 1568)):
         sound.write_wav(folder / f"loop{k}.wav", sound.tone(frequency, 0.25, 3000))
     for k, frequency in enumerate((2000, 2500, 3000)):
@@ -309,22 +277,22 @@ def test_ten_clients_three_killed_leave_the_server_serving_quiet_whole_and_at_it
         lines += [f"send\t{LOOP | IGNORE_FOREGROUND:X}\tloop{c % 4}.wav", *[request(rng, c, True) for _ in range(
             40 * REQUESTS)]] if doomed else ["wait\t1000", f"send\t{STOP_CLIENT:X}", "quit"]
         (folder / f"client{c}.in").write_text("".join(line + "\n" for line in lines))
-        runs.append((new_client((folder / f"client{c}.in").open("rb")), lines, doomed, []))
+        out = folder / f"client{c}.out"
+        runs.append((new_client(stdin=(folder / f"client{c}.in").open("rb"), stdout=out.open("wb")), lines, doomed, out))
     started, peak, kill_at = time.monotonic(), threads, {}
     while any(p.running() for p, _, _, _ in runs):
         assert time.monotonic() - started < 240, "the clients did not end: a hang"
-        for p, lines, doomed, answers in runs:
-            collect(p, answers)
+        time.sleep(0.02)
+        for p, lines, doomed, out in runs:
             # Killed a seeded moment after every loop it asked for has had time to join the list.
-            if doomed and len(answers) > REQUESTS // 2 + 1:
+            if doomed and out.read_bytes().count(b"\n") > REQUESTS // 2 + 1:
                 kill_at.setdefault(p, time.monotonic() + 0.8 + rng.uniform(0, 1.5))
             if p in kill_at and time.monotonic() >= kill_at[p]:
                 p.kill()
         peak = max(peak, len(os.listdir(f"/proc/{server.process.pid}/task")))
     killed = recorder.now()
-    for p, lines, doomed, answers in runs:
-        while collect(p, answers, 1):
-            pass
+    for p, lines, doomed, out in runs:
+        answers = out.read_text().split()
         assert doomed == (len(answers) < len(lines)), "a doomed client ended before it was killed, or another early"
         assert answers[0] != "0x00000000" and all(a == "1" for line, a in zip(lines[1:], answers[1:]) if line != "front"), \
             "a request was not taken"
@@ -337,7 +305,7 @@ def test_ten_clients_three_killed_leave_the_server_serving_quiet_whole_and_at_it
     assert client.send(STOP, "keeper.wav")
     stopped = recorder.now()
     time.sleep(4)
-    assert recorder.silent_since(stopped + RATE // 2), "the loops of the killed clients went on"
+    assert not recorder.samples()[stopped + RATE // 2 :].any(), "the loops of the killed clients went on"
 
     # Threads and handles back at the baseline; events aside, of which Wine's winmm keeps those of
     # the wave devices it opened, for reuse: at most one more for each play thread at the peak.
@@ -351,19 +319,23 @@ def test_ten_clients_three_killed_leave_the_server_serving_quiet_whole_and_at_it
     assert wait_until(at_baseline, 45, 0.5), f"not back at the baseline: {now[-1]} against {threads}, {handles}"
     assert now[-1][0] == pid, "the server is another process"
 
-    fresh, probe = new_client(), sound.noise(7, RATE)
-    sound.write_wav(folder / "probe.wav", probe)
+    fresh = new_client()
     fresh.window()
-    probe_from = recorder.now()
-    assert fresh.send(IGNORE_FOREGROUND, "probe.wav")
-    time.sleep(2)
-    heard = sound.match(recorder.stop(0), probe, probe_from)
-    assert heard.whole(), f"a fresh client was not served after the load: {heard}"
+    server.serves(record, 7, client=fresh)  # a fresh client is served after the load
 
-    # As many refused plays of each name in the log as the clients that ran to their end had taken.
-    plays = refused_plays_logged(folder, pid)
+    # Every line of the log is one whole entry of this server, of a form expected here, and there are as many
+    # refused plays of each name as the clients that ran to their end had taken.
+    text = (folder / "quorbel.log").read_bytes().decode()
+    assert text.endswith("\r\n"), "the log ends inside an entry"
+    plays = collections.Counter()
+    for n, line in enumerate(text[:-2].split("\r\n")):
+        entry = re.fullmatch(r"\[\d{4}-\d\d-\d\d \d\d:\d\d:\d\d:\d{3} (\d{4,}):\d{4,}\](.*)", line)
+        assert entry and int(entry.group(1)) == pid, f"line {n} is no entry of this server: {line!r}"
+        message = re.sub(r"^\[([^\]:]+):\d+\]", r"[\1:*]", entry.group(2))
+        assert EXPECTED.fullmatch(message), f"line {n} is not an entry expected here: {line!r}"
+        plays.update(REFUSAL.findall(message))
     assert plays.pop("gone-0-0.wav") == 1, "the warm-up's refused play"
     for _, lines, doomed, _ in runs:
-        sent = [f for f in (line.split("\t") for line in lines) if f[0] == "send" and not int(f[1], 16) & STOP_CLIENT]
-        taken = collections.Counter(n for f in sent if not int(f[1], 16) & STOP for n in f[2:] if REFUSED.fullmatch(n))
+        sends = [f for f in (line.split("\t") for line in lines) if f[0] == "send" and not int(f[1], 16) & STOP]
+        taken = collections.Counter(n for f in sends for n in f[2:] if REFUSED.fullmatch(n))
         assert doomed or all(plays[name] == n for name, n in taken.items()), "refused plays logged against taken"
