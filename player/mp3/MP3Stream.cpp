@@ -56,8 +56,7 @@ int CMP3Stream::Open(const char* fileName) {
     return 1;
 }
 
-int CMP3Stream::Pass(BatchSink sink, void* sinkContext, FrameObserver observer,
-                     void* observerContext) {
+int CMP3Stream::Pass(BatchSink sink, void* sinkContext) {
     m_framesDecoded = 0;
     m_batchesWritten = 0;
     m_refusedFrame = nullptr;
@@ -88,9 +87,6 @@ int CMP3Stream::Pass(BatchSink sink, void* sinkContext, FrameObserver observer,
                 break;
             }
             ++m_framesDecoded;
-            if (observer != nullptr) {
-                observer(observerContext, m_io, *m_decoder);
-            }
             // A frame skipped for want of reservoir data advances pos all the same: that stretch
             // keeps what the block held there.
             pos += m_io.outLength;

@@ -19,8 +19,6 @@ class CMP3Stream {
 public:
     // Receives one batch; a result of 0 ends the pass, as a failed write ends a play's pass.
     typedef int (*BatchSink)(void* context, const uint8_t* pcm, uint32_t bytes);
-    // Told about every frame the decoder accepted, after DecodeFrame returned.
-    typedef void (*FrameObserver)(void* context, const MP3FrameIO& io, const CMP3Decoder& decoder);
 
     // What made the last Open fail.
     enum OpenFailure {
@@ -52,8 +50,7 @@ public:
     // One pass from the first frame to the end of the stream or the first refused frame. The
     // decoder is not restarted between passes, as in a looping play. 1 when the pass ran to
     // its end, 0 when the sink refused a batch or nothing is open.
-    int Pass(BatchSink sink, void* sinkContext, FrameObserver observer = nullptr,
-             void* observerContext = nullptr);
+    int Pass(BatchSink sink, void* sinkContext);
     void Close();
 
     OpenFailure LastOpenFailure() const { return m_openFailure; }
