@@ -1,6 +1,7 @@
 // What needs the real window manager and runtime: the framework's windows (where messages go,
-// when a window's object is deleted, how the main window ends the message loop), the server's
-// hidden frame, and the choice of player by extension with the multibyte search.
+// when a window's object is deleted), the server's hidden frame, and the choice of player by
+// extension with the multibyte search. That the main window's end ends the message loop every
+// system test's close sees.
 
 #include <gtest/gtest.h>
 
@@ -88,26 +89,6 @@ TEST(Framework, MessagesReachTheMostDerivedHandlerAndWindowsDeleteThemselves) {
     EXPECT_FALSE(IsWindow(hWnd));
     EXPECT_EQ(g_events,
               (std::vector<std::string>{"create", "deleted", "create", "deleted after handler"}));
-}
-
-TEST(Framework, DestroyingTheMainWindowEndsTheMessageLoop) {
-    CWinApp* app = AfxGetApp();
-    ASSERT_EQ(app, &g_app);
-    MSG msg;
-    while (PeekMessageA(&msg, nullptr, WM_QUIT, WM_QUIT, PM_REMOVE)) {}
-
-    ProbeWnd* other = MakeProbe("not the main window");
-    ASSERT_NE(other, nullptr);
-    DestroyWindow(other->GetSafeHwnd());
-    EXPECT_FALSE(PeekMessageA(&msg, nullptr, WM_QUIT, WM_QUIT, PM_NOREMOVE));
-
-    ProbeWnd* main = MakeProbe("main window");
-    ASSERT_NE(main, nullptr);
-    app->m_pMainWnd = main;
-    DestroyWindow(main->GetSafeHwnd());
-    EXPECT_EQ(app->m_pMainWnd, nullptr);
-    ASSERT_TRUE(PeekMessageA(&msg, nullptr, WM_QUIT, WM_QUIT, PM_REMOVE));
-    EXPECT_EQ(msg.wParam, 0u);
 }
 
 // The server's frame: hidden, no client edge, on a class of style 0.
