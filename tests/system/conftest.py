@@ -101,9 +101,8 @@ class Recorder(subprocess.Popen):
     def now(self):
         return self.path.stat().st_size // 4
 
-    def samples(self):
-        data = np.fromfile(self.path, dtype="<i2")
-        return data[: len(data) // 2 * 2].reshape(-1, 2)
+    def samples(self):  # whole frames only: the file grows as it is read
+        return np.fromfile(self.path, "<i2", self.now() * 2).reshape(-1, 2)
 
     def stop(self, after=0.4):
         """Ends the recording a little later and returns it (frames x 2)."""
@@ -114,11 +113,8 @@ class Recorder(subprocess.Popen):
 
     def wait_for_tone(self, frequency, start=0, timeout=10):
         """Waits until the tone is heard in the last tenth of a second recorded, after frame start."""
-        def heard():
-            now = self.now()
-            return now - RATE // 10 >= start and sound.level(self.samples(), frequency, now - RATE // 10, now) > 1000
-
-        return wait_until(heard, timeout)
+        return wait_until(lambda: self.now() - RATE // 10 >= start and
+                          sound.level(self.samples(), frequency, -RATE // 10, None) > 1000, timeout)
 
 
 class Server:

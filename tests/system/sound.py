@@ -92,9 +92,9 @@ def match(recording, material, start=0):
     return Match(places, early)
 
 
-def level(recording, frequency, start, end, channel=0):
-    """The amplitude of one frequency in frames [start, end) of a channel."""
-    x = recording[start:end, channel].astype(np.float64)
+def level(recording, frequency, start, end):
+    """The amplitude of one frequency in frames [start, end) of the left channel."""
+    x = recording[start:end, 0].astype(np.float64)
     t = np.arange(len(x)) / RATE
     return float(np.abs(np.dot(x, np.exp(-2j * np.pi * frequency * t))) * 2 / len(x)) if len(x) else 0.0
 

@@ -1,20 +1,17 @@
 // A client of the server for the system tests: one command a line on standard input, fields
 // separated by tabs, one answer line each (windows as 0x%08X); a send answers 1 once carried out.
-//   window / front / find     make our hidden window / bring it to the front (1 if so) / the
-//                             server's window
-//   send FLAGS NAME...        a request (FLAGS in hex) from our window, or as client 0 before
-//                             "window"
+//   window / front / find     make our window / bring it to the front (1 if so) / find the server
+//   send FLAGS NAME...        a request (FLAGS in hex) from our window, or as client 0 before it
 //   raw DWDATA HEX            a block of exactly these bytes with this dwData (hex)
 //   wait MS / close / quit    handle our messages for MS ms / post WM_CLOSE to the server / end
 //   handles                   "pid P event T types TYPE:N ...": the server's handles by type
-//   replace SOURCE TARGET     MoveFileEx, replacing; truncate FILE: cut it to nothing; either
-//                             as a Windows program would: "done" or "refused STEP CODE"
+//   replace SOURCE TARGET     MoveFileEx, replacing, and truncate FILE, cutting it to nothing, as
+//                             a Windows program would: "done" or "refused STEP CODE"
 // Standard input is read on a thread of its own: the main thread, which carries the commands out,
 // handles the window's messages between them, so a busy client has a live window.
 
 #include <windows.h>
 
-#include <cstddef>
 #include <cstdio>
 #include <cstdlib>
 #include <iostream>
