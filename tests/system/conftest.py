@@ -44,12 +44,6 @@ class WinProcess(subprocess.Popen):
     def running(self):
         return self.poll() is None
 
-    def wait(self, timeout=None):
-        try:
-            return super().wait(timeout)
-        except subprocess.TimeoutExpired:
-            return None
-
 
 def run_windows(exe, args=(), cwd=None, output=None, timeout=30):
     """Its exit status; one that does not end in time is killed and fails the test."""
@@ -76,9 +70,6 @@ class Client(WinProcess):
             self.buffer += chunk
         answer, self.buffer = self.buffer.split(b"\n", 1)
         return answer.decode().strip()
-
-    def window(self):
-        assert self.ask("window") != "0x00000000"
 
     def send(self, flags, *names, timeout=30):
         """From the client's window, or as client 0 (a play of no window, never swept) before it has one."""
@@ -176,7 +167,7 @@ def server(exe, folder, client):
     yield s
     if s.process is not None and s.process.running():
         client.ask("close")
-        if s.process.wait(15) is None:
+        if not wait_until(lambda: not s.process.running(), 15):
             s.process.kill()
 
 

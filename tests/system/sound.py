@@ -54,12 +54,10 @@ class Match:
     """Where each block of the material lies (None: not found in order), how many came early (the
     stream skipped material), and where the material ends."""
 
-    def __init__(self, places, early):
-        self.places, self.early = places, early
+    def __init__(self, places, early, end):
+        self.places, self.early, self.end = places, early, end
         self.found = sum(p is not None for p in places)
         self.fraction = self.found / len(places) if places else 0.0
-        last = max((i for i, p in enumerate(places) if p is not None), default=None)
-        self.end = None if last is None else places[last] + (len(places) - last) * BLOCK_FRAMES
 
     def whole(self, share=0.95):
         return self.early == 0 and self.fraction >= share
@@ -75,7 +73,7 @@ def match(recording, material, start=0):
     rec, places, early = _keys(recording), [], 0
     last_end = expected = None  # where the last block found ends; where the next should begin
     for i in range(len(material) // BLOCK_FRAMES):
-        block, begin = _keys(material[i * BLOCK_FRAMES : (i + 1) * BLOCK_FRAMES]), start if last_end is None else last_end
+        block, begin = _keys(material[i * BLOCK_FRAMES : (i + 1) * BLOCK_FRAMES]), last_end or start
         at = next((int(at) for at in np.flatnonzero(rec[begin : len(rec) - BLOCK_FRAMES + 1] == block[0]) + begin
                    if np.array_equal(rec[at : at + BLOCK_FRAMES], block)), None)
         if at is not None and expected is not None:
@@ -89,7 +87,7 @@ def match(recording, material, start=0):
             last_end = expected = at + BLOCK_FRAMES
         elif expected is not None:
             expected += BLOCK_FRAMES
-    return Match(places, early)
+    return Match(places, early, expected)
 
 
 def level(recording, frequency, start, end):

@@ -1,7 +1,6 @@
-"""Faults injected into a running server: more plays than wave devices, the sound server absent, killed or
-frozen, sound files replaced or cut short, a second server started while the first closes, and one load
-round: ten console clients fire a seeded mix of requests at one server as fast as they are answered, and
-three are killed mid-run with their windows up."""
+"""Faults injected into a running server: more plays than wave devices, the sound server frozen, absent or killed,
+sound files replaced or cut short, a second server started while the first closes, and one load round: ten console
+clients fire seeded mixes of requests at one server as fast as it answers, three killed mid-run with windows up."""
 
 import collections
 import os
@@ -20,9 +19,8 @@ def sound_server():
     """sound_server(command): stops, kills or freezes the session's sound server (scripts/wine-session) on
     purpose; the next test finds it running whatever happened to it."""
     def run(*command, check=True):
-        status = subprocess.run(["bash", REPO / "scripts" / "wine-session", "--dir", os.environ["QUORBEL_SESSION_DIR"],
-                                 *command], stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL, timeout=60).returncode
-        assert status == 0 or not check, f"wine-session {command} failed"
+        subprocess.run(["bash", REPO / "scripts" / "wine-session", "--dir", os.environ["QUORBEL_SESSION_DIR"],
+                        *command], stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL, timeout=60, check=check)
 
     yield run
     run("sound-thaw", check=False)
@@ -163,10 +161,9 @@ def test_files_replaced_or_cut_short_are_played_as_they_are_now_and_not_while_pl
     assert server.log() == []
 
 
-def test_second_server_started_while_the_first_closes_leaves_one_or_none(server, client, folder, exe, record):
+def test_second_server_started_while_the_first_closes_leaves_one_or_none(server, client, folder, exe, record, recorder):
     for name, frequency in (("a.wav", 440), ("b.wav", 1000), ("c.wav", 2500), ("late.wav", 700)):
         sound.write_wav(folder / name, sound.tone(frequency, 1))
-    recorder = record()
     # The first closes with three loops to stop (the sweep closes by the same WM_CLOSE), and the
     # second starts so much later.
     for r, delay in enumerate([0, 0.3, 0.7, 1.0, 1.7]):
@@ -186,7 +183,7 @@ def test_second_server_started_while_the_first_closes_leaves_one_or_none(server,
             time.sleep(1)
             assert second.running() and client.server_window(), f"round {r}: the second made a window and ended"
             server.serves(record, 150 + r, share=0.5)  # a new process's first stream may lose its start
-            assert client.ask("close") == "1" and second.wait(15) is not None, f"round {r}: the second lingers"
+            assert client.ask("close") == "1" and second.wait(15) == 0, f"round {r}: the second did not end well"
         else:
             assert second.wait(0) == 0
         assert not client.server_window(), f"round {r}: a server runs though both ended"
@@ -194,16 +191,15 @@ def test_second_server_started_while_the_first_closes_leaves_one_or_none(server,
 
 
 CLIENTS, DOOMED, REQUESTS = 10, 3, 300
-REFUSED = re.compile(r"gone-\d+-\d\.wav|bad-\d+\.(?:wav|mp3)")
 # A refused play's lines (its reason, then its player's), then what the sound path logs when Wine's audio
 # cannot keep up: counted, not failed.
-REFUSAL = re.compile(rf"\[player/(?:wav/Wav|mp3/MP3)FilePlayer:\*\]file\(({REFUSED.pattern})\),open failed")
+REFUSAL = re.compile(r"\[player/\w+/\w+FilePlayer:\*\]file\((gone-\d+-\d\.wav|bad-\d+\.(?:wav|mp3))\),open failed")
 EXPECTED = re.compile("|".join([
     r"\[player/pub/FileMapObj:\*\]create file\(gone-\d+-\d\.wav\) failed\(0x00000002\)",
     r"\[CWavFile::InitFileInfo\]file\(bad-\d+\.wav\),RiffHeader format=0x20495641",
     r"\[CMP3File::(FindFirstFrameHeader|InitFileInfo)\]file\(bad-\d+\.mp3\),not valid frame header!", REFUSAL.pattern,
-    r"\[player/pub/WavOut:\*\](waveOutOpen\(\) return\(\d+\)|too many devices open\(63\)|wait for (a free buffer|buffers) "
-    r"timed out)|\[player/(wav/Wav|mp3/MP3)FilePlayer:\*\]file\([\w.]+\),(waveout|wav) init failed"]))
+    r"\[player/pub/WavOut:\*\](waveOutOpen\(\) return\(\d+\)|too many devices open\(63\)|wait for (a free "
+    r"buffer|buffers) timed out)|\[player/(wav/Wav|mp3/MP3)FilePlayer:\*\]file\([\w.]+\),(waveout|wav) init failed"]))
 
 
 def request(rng, c, tail):
@@ -234,20 +230,18 @@ def counts(server, client):
 
 def test_ten_clients_three_killed_leave_the_server_serving_quiet_whole_and_at_its_baseline(
         server, client, new_client, recorder, record, folder):
-    for k, frequency in enumerate((523, 784, 1175, 1568)):
-        sound.write_wav(folder / f"loop{k}.wav", sound.tone(frequency, 0.25, 3000))
-    for k, frequency in enumerate((2000, 2500, 3000)):
-        sound.write_wav(folder / f"once{k}.wav", sound.tone(frequency, 0.08, 3000))
+    for name, frequency, seconds in (("loop0.wav", 523, 0.25), ("loop1.wav", 784, 0.25), ("loop2.wav", 1175, 0.25),
+                                     ("loop3.wav", 1568, 0.25), ("once0.wav", 2000, 0.08), ("once1.wav", 2500, 0.08),
+                                     ("once2.wav", 3000, 0.08), ("warm.wav", 4000, 0.2), ("keeper.wav", 300, 1)):
+        sound.write_wav(folder / name, sound.tone(frequency, seconds, 3000))
     sound.write_mp3(folder / "once.mp3", sound.tone(3500, 0.1, 3000))
-    sound.write_wav(folder / "warm.wav", sound.tone(4000, 0.2, 3000))
-    sound.write_wav(folder / "keeper.wav", sound.tone(300, 1, 3000))
     for c in range(1, CLIENTS + 1):
         (folder / f"bad-{c}.wav").write_bytes(b"RIFF\x04\0\0\0AVI ")  # a RIFF file of another form
         (folder / f"bad-{c}.mp3").write_bytes(b"x" * 3000)  # no frame at all
     server.start()
     # This window keeps the server up while the load clients come and go. One play of each kind
     # first: what Wine starts once for sound, and the decoder's tables, belong to the baseline.
-    client.window()
+    client.ask("window")
     assert client.send(IGNORE_FOREGROUND, "warm.wav", "once.mp3", "gone-0-0.wav")
     time.sleep(3)
     pid, threads, event, handles = counts(server, client)
@@ -261,9 +255,9 @@ def test_ten_clients_three_killed_leave_the_server_serving_quiet_whole_and_at_it
         lines = ["window", *[request(rng, c, False) for _ in range(REQUESTS // 2 if doomed else REQUESTS)]]
         lines += [f"send\t{LOOP | IGNORE_FOREGROUND:X}\tloop{c % 4}.wav", *[request(rng, c, True) for _ in range(
             40 * REQUESTS)]] if doomed else ["wait\t1000", f"send\t{STOP_CLIENT:X}", "quit"]
-        (folder / f"client{c}.in").write_text("".join(line + "\n" for line in lines))
-        out = folder / f"client{c}.out"
-        runs.append((new_client(stdin=(folder / f"client{c}.in").open("rb"), stdout=out.open("wb")), lines, doomed, out))
+        into, out = folder / f"client{c}.in", folder / f"client{c}.out"
+        into.write_text("".join(line + "\n" for line in lines))
+        runs.append((new_client(stdin=into.open("rb"), stdout=out.open("wb")), lines, doomed, out))
     started, peak, kill_at = time.monotonic(), threads, {}
     while any(p.running() for p, _, _, _ in runs):
         assert time.monotonic() - started < 240, "the clients did not end: a hang"
@@ -279,14 +273,14 @@ def test_ten_clients_three_killed_leave_the_server_serving_quiet_whole_and_at_it
     for p, lines, doomed, out in runs:
         answers = out.read_text().split()
         assert doomed == (len(answers) < len(lines)), "a doomed client ended before it was killed, or another early"
-        assert answers[0] != "0x00000000" and all(a == "1" for line, a in zip(lines[1:], answers[1:]) if line != "front"), \
-            "a request was not taken"
+        taken = all(a == "1" for line, a in zip(lines[1:], answers[1:]) if line != "front")
+        assert answers[0] != "0x00000000" and taken, "a request was not taken"
     assert server.process.running(), "the server died under the load"
 
     # The sweep stops the loops of the killed clients and only theirs: the keeper's goes on until stopped.
     time.sleep(5)
     rec = recorder.samples()
-    assert sound.tone_seconds(rec, 300, killed, len(rec)) >= 0.9 * (len(rec) - killed) / RATE, "the keeper's loop stopped"
+    assert sound.tone_seconds(rec, 300, killed, len(rec)) >= 0.9 * (len(rec) - killed) / RATE, "the keeper's loop ended"
     assert client.send(STOP, "keeper.wav")
     stopped = recorder.now()
     time.sleep(4)
@@ -302,10 +296,9 @@ def test_ten_clients_three_killed_leave_the_server_serving_quiet_whole_and_at_it
         return now[-1][1] <= threads and all(n <= allowed.get(t, 0) for t, n in now[-1][3].items())
 
     assert wait_until(at_baseline, 45, 0.5), f"not back at the baseline: {now[-1]} against {threads}, {handles}"
-    assert now[-1][0] == pid, "the server is another process"
 
     fresh = new_client()
-    fresh.window()
+    fresh.ask("window")
     server.serves(record, 7, client=fresh)  # a fresh client is served after the load
 
     # Every line of the log is one whole entry of this server, of a form expected here, and there are as many
@@ -322,5 +315,5 @@ def test_ten_clients_three_killed_leave_the_server_serving_quiet_whole_and_at_it
     assert plays.pop("gone-0-0.wav") == 1, "the warm-up's refused play"
     for _, lines, doomed, _ in runs:
         sends = [f for f in (line.split("\t") for line in lines) if f[0] == "send" and not int(f[1], 16) & STOP]
-        taken = collections.Counter(n for f in sends for n in f[2:] if REFUSED.fullmatch(n))
+        taken = collections.Counter(n for f in sends for n in f[2:] if n.startswith(("gone", "bad")))
         assert doomed or all(plays[name] == n for name, n in taken.items()), "refused plays logged against taken"

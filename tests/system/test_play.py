@@ -45,27 +45,17 @@ def test_files_play_once_exactly_or_at_their_own_format_and_loop_without_a_gap(s
     (folder / "eight.mp3").write_bytes((folder / "loop.mp3").read_bytes() * 8)
 
     server.start()
+    # Each request, marked by the frame recorded before it, then given its time. Other forms of loop.wav's path
+    # are other names; its name in another letter case is its own.
     marks = []
-    for name, seconds in (("noise.wav", 1.5), ("two.wav", 1.5), ("noise.mp3", 2.5), ("mono.mp3", 1.6), ("half.mp3", 1.6)):
+    for flags, name, seconds in ((0, "noise.wav", 1.5), (0, "two.wav", 1.5), (0, "noise.mp3", 2.5),
+                                 (0, "mono.mp3", 1.6), (0, "half.mp3", 1.6), (LOOP, "loop.wav", 2.3),
+                                 (STOP, ".\\loop.wav", 0), (STOP, "sub\\..\\loop.wav", 0.8), (STOP, "LOOP.WAV", 0.8),
+                                 (LOOP, "loop.mp3", 2), (STOP, "Loop.Mp3", 1)):
         marks.append(recorder.now())
-        assert client.send(IGNORE_FOREGROUND, name)
+        assert client.send(flags | IGNORE_FOREGROUND, name)
         time.sleep(seconds)
-    marks.append(recorder.now())
-    assert client.send(LOOP | IGNORE_FOREGROUND, "loop.wav")
-    time.sleep(2.3)
-    assert client.send(STOP, ".\\loop.wav")  # other forms of the same path are other names
-    assert client.send(STOP, "sub\\..\\loop.wav")
-    marks.append(recorder.now())
-    time.sleep(0.8)
-    assert client.send(STOP, "LOOP.WAV")
-    marks.append(recorder.now())
-    time.sleep(0.8)
-    marks.append(recorder.now())
-    assert client.send(LOOP | IGNORE_FOREGROUND, "loop.mp3")
-    time.sleep(2)
-    assert client.send(STOP, "Loop.Mp3")
-    marks.append(recorder.now())
-    rec = recorder.stop(1)
+    rec = recorder.stop(0)
 
     for material, mark in ((wav, 0), (np.concatenate((first, second)), 1), (decode(folder, "noise.mp3"), 2)):
         heard = sound.match(rec, material, marks[mark])
@@ -75,12 +65,12 @@ def test_files_play_once_exactly_or_at_their_own_format_and_loop_without_a_gap(s
     assert 0.8 <= sound.tone_seconds(rec, 1500, marks[4], marks[5]) <= 1.2, "MPEG-2 MP3 at 22050 Hz"
     passes = sound.match(rec, np.tile(loop, (4, 1)), marks[5])
     assert passes.whole(), f"the WAV's passes do not follow one another directly: {passes}"
-    assert sound.match(rec, loop, marks[6]).found > 0, "a stop by another form of the path stopped it"
-    # A stop returns once the queued sound has played: nothing after it.
-    assert not np.any(rec[marks[7] + RATE // 2 : marks[8]]), "the WAV loop sounded after its stop"
-    passes = sound.match(rec, decode(folder, "eight.mp3"), marks[8])
+    assert sound.match(rec, loop, marks[8]).found > 0, "a stop by another form of the path stopped it"
+    # A stop returns once the queued sound has played: nothing half a second after it.
+    assert not np.any(rec[marks[9] - RATE * 3 // 10 : marks[9]]), "the WAV loop sounded after its stop"
+    passes = sound.match(rec, decode(folder, "eight.mp3"), marks[9])
     assert passes.whole(), f"the MP3's passes are not its frames over again: {passes}"
-    assert not np.any(rec[marks[9] + RATE // 2 :]), "the MP3 loop sounded after its stop"
+    assert not np.any(rec[-RATE // 2 :]), "the MP3 loop sounded after its stop"
     assert server.log() == []
 
 
@@ -94,23 +84,21 @@ def test_stops_reach_the_plays_they_name_and_plays_follow_the_foreground(
     sound.write_wav(folder / "fg.wav", noise)
     server.start()
     other = new_client()
-    client.window()
-    other.window()
+    client.ask("window")
+    other.ask("window")
     assert client.send(LOOP | IGNORE_FOREGROUND, "a.wav", "b.mp3", "c.mp3")
     assert other.send(LOOP | IGNORE_FOREGROUND, "d.mp3", "e.wav")
     for frequency in tones.values():
         assert recorder.wait_for_tone(frequency), frequency
     time.sleep(0.5)
+    # All of this client's plays but a.wav, whatever its letter case; the other client's, by no name; each of two
+    # names stops the other.
     marks = [recorder.now()]
-    assert client.send(STOP | STOP_OTHERS, "A.WAV")  # all of this client's plays but a.wav
-    marks.append(recorder.now())
-    time.sleep(1.2)
-    assert other.send(STOP_CLIENT)  # no names
-    marks.append(recorder.now())
-    time.sleep(1.2)
-    assert client.send(STOP | STOP_OTHERS, "a.wav", "x.wav")  # each name stops the other
-    marks.append(recorder.now())
-    time.sleep(1.2)
+    for sender, flags, *names in ((client, STOP | STOP_OTHERS, "A.WAV"), (other, STOP_CLIENT),
+                                  (client, STOP | STOP_OTHERS, "a.wav", "x.wav")):
+        assert sender.send(flags, *names)
+        marks.append(recorder.now())
+        time.sleep(1.2)
     marks.append(recorder.now())
 
     # Another window in front: a play that follows the foreground starts silent, one told to
