@@ -57,18 +57,14 @@ class Client(WinProcess):
 
     def __init__(self, exe, cwd, **streams):
         super().__init__(exe, cwd=cwd, **{"stdin": subprocess.PIPE, "stdout": subprocess.PIPE, **streams})
-        self.buffer = b""
 
     def ask(self, *fields, timeout=30):
         self.stdin.write(("\t".join(map(str, fields)) + "\n").encode())
         self.stdin.flush()
-        end = time.monotonic() + timeout
-        while b"\n" not in self.buffer:
-            assert select.select([self.stdout], [], [], max(0, end - time.monotonic()))[0], f"no answer to {fields[0]}"
-            chunk = os.read(self.stdout.fileno(), 65536)
-            assert chunk, f"the client ended at {fields[0]}"
-            self.buffer += chunk
-        answer, self.buffer = self.buffer.split(b"\n", 1)
+        # One answer a command, so that the reader's buffer never holds the next: select sees it coming.
+        assert select.select([self.stdout], [], [], timeout)[0], f"no answer to {fields[0]}"
+        answer = self.stdout.readline()
+        assert answer, f"the client ended at {fields[0]}"
         return answer.decode().strip()
 
     def send(self, flags, *names, timeout=30):
@@ -140,14 +136,9 @@ class Server:
 
 
 @pytest.fixture
-def folder(tmp_path):
-    return tmp_path
-
-
-@pytest.fixture
-def new_client(exe, folder):
+def new_client(exe, tmp_path):
     started = []
-    yield lambda **streams: started.append(Client(exe("console_client"), folder, **streams)) or started[-1]
+    yield lambda **streams: started.append(Client(exe("console_client"), tmp_path, **streams)) or started[-1]
     for c in started:
         c.kill()
 
@@ -162,8 +153,8 @@ def client(new_client):
 
 
 @pytest.fixture
-def server(exe, folder, client):
-    s = Server(exe("quorbel"), folder, client)
+def server(exe, tmp_path, client):
+    s = Server(exe("quorbel"), tmp_path, client)
     yield s
     if s.process is not None and s.process.running():
         client.ask("close")
@@ -172,9 +163,9 @@ def server(exe, folder, client):
 
 
 @pytest.fixture
-def record(folder):
+def record(tmp_path):
     started = []
-    yield lambda name="recording": started.append(Recorder(folder / f"{name}.raw")) or started[-1]
+    yield lambda name="recording": started.append(Recorder(tmp_path / f"{name}.raw")) or started[-1]
     for r in started:
         r.kill()
         r.wait()

@@ -76,11 +76,9 @@ def match(recording, material, start=0):
         block, begin = _keys(material[i * BLOCK_FRAMES : (i + 1) * BLOCK_FRAMES]), last_end or start
         at = next((int(at) for at in np.flatnonzero(rec[begin : len(rec) - BLOCK_FRAMES + 1] == block[0]) + begin
                    if np.array_equal(rec[at : at + BLOCK_FRAMES], block)), None)
-        if at is not None and expected is not None:
-            if at < expected:
-                early += 1
-                at = None
-            elif at > expected and np.count_nonzero(rec[last_end:at] == 0) < at - expected:
+        if at is not None and expected is not None and at != expected:
+            early += at < expected
+            if at < expected or np.count_nonzero(rec[last_end:at] == 0) < at - expected:
                 at = None
         places.append(at)
         if at is not None:
@@ -100,5 +98,4 @@ def level(recording, frequency, start, end):
 def tone_seconds(recording, frequency, start, end, threshold=2000):
     """How long the tone is heard in frames [start, end), in 50 ms windows."""
     w = RATE // 20
-    end = min(end, len(recording))
     return w / RATE * sum(level(recording, frequency, at, at + w) > threshold for at in range(start, end - w + 1, w))

@@ -16,8 +16,7 @@ from conftest import IGNORE_FOREGROUND, LOOP, RATE, REPO, STOP, STOP_CLIENT, STO
 
 @pytest.fixture
 def sound_server():
-    """sound_server(command): stops, kills or freezes the session's sound server (scripts/wine-session) on
-    purpose; the next test finds it running whatever happened to it."""
+    """sound_server(command): stops, kills or freezes the session's sound server; the next test finds it running."""
     def run(*command, check=True):
         subprocess.run(["bash", REPO / "scripts" / "wine-session", "--dir", os.environ["QUORBEL_SESSION_DIR"],
                         *command], stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL, timeout=60, check=check)
@@ -28,11 +27,11 @@ def sound_server():
 
 
 def test_never_deaf_past_the_device_limit_or_with_the_sound_server_frozen_absent_or_killed(
-        server, client, folder, record, sound_server):
+        server, client, tmp_path, record, sound_server):
     # Wine serves a process's wave devices from one thread that can wait on 63 of them; a 64th
     # open at once would end every done notification of the process for good.
     server.start()
-    names = [sound.write_wav(folder / f"loop{i}.wav", sound.tone(200 + 37 * i, 0.25, 300)) for i in range(64)]
+    names = [sound.write_wav(tmp_path / f"loop{i}.wav", sound.tone(200 + 37 * i, 0.25, 300)) for i in range(64)]
     assert client.send(LOOP | IGNORE_FOREGROUND, *names)
     time.sleep(5)
     assert client.send(STOP_CLIENT, timeout=120)  # each stop drains its play's ring
@@ -43,7 +42,7 @@ def test_never_deaf_past_the_device_limit_or_with_the_sound_server_frozen_absent
 
     # A frozen sound server answers nothing: the play gives its device up after the ring's wait limit
     # (1.6 s) and closes it on a thread of its own, which the frozen server holds; the play ends.
-    sound.write_wav(folder / "tone.wav", sound.tone(440, 1))
+    sound.write_wav(tmp_path / "tone.wav", sound.tone(440, 1))
     recorder = record("frozen")
     assert client.send(LOOP | IGNORE_FOREGROUND, "tone.wav")
     assert recorder.wait_for_tone(440)
@@ -59,8 +58,8 @@ def test_never_deaf_past_the_device_limit_or_with_the_sound_server_frozen_absent
 
     # Absent: a WAV and an MP3 play are refused, the device's line first. (Wine may keep a process whose
     # first open failed without a device for good: this one has opened devices before.)
-    sound.write_wav(folder / "noise.wav", sound.noise(101, RATE))
-    sound.write_mp3(folder / "tone.mp3", sound.tone(1000, 1.5), RATE, "-b", "128")
+    sound.write_wav(tmp_path / "noise.wav", sound.noise(101, RATE))
+    sound.write_mp3(tmp_path / "tone.mp3", sound.tone(1000, 1.5), RATE, "-b", "128")
     sound_server("sound-stop")
     assert client.send(IGNORE_FOREGROUND, "noise.wav")
     server.wait_for_log(6)
@@ -113,13 +112,13 @@ def test_never_deaf_past_the_device_limit_or_with_the_sound_server_frozen_absent
 
 
 def test_files_replaced_or_cut_short_are_played_as_they_are_now_and_not_while_playing(
-        server, client, recorder, folder):
+        server, client, recorder, tmp_path):
     before, after = sound.noise(131, RATE * 3 // 4), sound.noise(132, RATE * 3 // 4)
-    sound.write_wav(folder / "x.wav", before)
-    sound.write_wav(folder / "x.new", after)
-    sound.write_mp3(folder / "x.mp3", sound.tone(1000, 2), RATE, "-b", "128")
-    sound.write_wav(folder / "y.wav", sound.tone(440, 1))
-    sound.write_wav(folder / "z.wav", sound.tone(2500, 1))
+    sound.write_wav(tmp_path / "x.wav", before)
+    sound.write_wav(tmp_path / "x.new", after)
+    sound.write_mp3(tmp_path / "x.mp3", sound.tone(1000, 2), RATE, "-b", "128")
+    sound.write_wav(tmp_path / "y.wav", sound.tone(440, 1))
+    sound.write_wav(tmp_path / "z.wav", sound.tone(2500, 1))
     server.start()
     assert client.send(IGNORE_FOREGROUND, "x.wav")
     time.sleep(1.8)  # played out and unmapped
@@ -133,7 +132,7 @@ def test_files_replaced_or_cut_short_are_played_as_they_are_now_and_not_while_pl
 
     # Cut from the host only while nothing maps the file (Windows would refuse; Linux lets it happen and
     # the next read raises SIGBUS). An MP3 cut inside a frame plays up to the cut, that frame refused silently.
-    os.truncate(folder / "x.mp3", (folder / "x.mp3").stat().st_size // 2 + 101)
+    os.truncate(tmp_path / "x.mp3", (tmp_path / "x.mp3").stat().st_size // 2 + 101)
     mp3_cut = recorder.now()
     assert client.send(IGNORE_FOREGROUND, "x.mp3")
     time.sleep(3)
@@ -161,9 +160,9 @@ def test_files_replaced_or_cut_short_are_played_as_they_are_now_and_not_while_pl
     assert server.log() == []
 
 
-def test_second_server_started_while_the_first_closes_leaves_one_or_none(server, client, folder, exe, record, recorder):
+def test_second_start_while_the_first_closes_leaves_one_server_or_none(server, client, tmp_path, exe, record, recorder):
     for name, frequency in (("a.wav", 440), ("b.wav", 1000), ("c.wav", 2500), ("late.wav", 700)):
-        sound.write_wav(folder / name, sound.tone(frequency, 1))
+        sound.write_wav(tmp_path / name, sound.tone(frequency, 1))
     # The first closes with three loops to stop (the sweep closes by the same WM_CLOSE), and the
     # second starts so much later.
     for r, delay in enumerate([0, 0.3, 0.7, 1.0, 1.7]):
@@ -173,7 +172,7 @@ def test_second_server_started_while_the_first_closes_leaves_one_or_none(server,
         assert recorder.wait_for_tone(440, recorder.now()) and recorder.wait_for_tone(2500, recorder.now())
         assert client.ask("close") == "1"
         time.sleep(delay)
-        second = WinProcess(exe("quorbel"), ["late.wav"], cwd=folder)
+        second = WinProcess(exe("quorbel"), ["late.wav"], cwd=tmp_path)
         # The first ends within its close's deadline. The second hands its arguments on (or finds no
         # window) and ends, or it found the mutex free and is the server now.
         assert server.process.wait(15) == 0, f"round {r}: the first server lingers"
@@ -229,15 +228,15 @@ def counts(server, client):
 
 
 def test_ten_clients_three_killed_leave_the_server_serving_quiet_whole_and_at_its_baseline(
-        server, client, new_client, recorder, record, folder):
+        server, client, new_client, recorder, record, tmp_path):
     for name, frequency, seconds in (("loop0.wav", 523, 0.25), ("loop1.wav", 784, 0.25), ("loop2.wav", 1175, 0.25),
                                      ("loop3.wav", 1568, 0.25), ("once0.wav", 2000, 0.08), ("once1.wav", 2500, 0.08),
                                      ("once2.wav", 3000, 0.08), ("warm.wav", 4000, 0.2), ("keeper.wav", 300, 1)):
-        sound.write_wav(folder / name, sound.tone(frequency, seconds, 3000))
-    sound.write_mp3(folder / "once.mp3", sound.tone(3500, 0.1, 3000))
+        sound.write_wav(tmp_path / name, sound.tone(frequency, seconds, 3000))
+    sound.write_mp3(tmp_path / "once.mp3", sound.tone(3500, 0.1, 3000))
     for c in range(1, CLIENTS + 1):
-        (folder / f"bad-{c}.wav").write_bytes(b"RIFF\x04\0\0\0AVI ")  # a RIFF file of another form
-        (folder / f"bad-{c}.mp3").write_bytes(b"x" * 3000)  # no frame at all
+        (tmp_path / f"bad-{c}.wav").write_bytes(b"RIFF\x04\0\0\0AVI ")  # a RIFF file of another form
+        (tmp_path / f"bad-{c}.mp3").write_bytes(b"x" * 3000)  # no frame at all
     server.start()
     # This window keeps the server up while the load clients come and go. One play of each kind
     # first: what Wine starts once for sound, and the decoder's tables, belong to the baseline.
@@ -255,7 +254,7 @@ def test_ten_clients_three_killed_leave_the_server_serving_quiet_whole_and_at_it
         lines = ["window", *[request(rng, c, False) for _ in range(REQUESTS // 2 if doomed else REQUESTS)]]
         lines += [f"send\t{LOOP | IGNORE_FOREGROUND:X}\tloop{c % 4}.wav", *[request(rng, c, True) for _ in range(
             40 * REQUESTS)]] if doomed else ["wait\t1000", f"send\t{STOP_CLIENT:X}", "quit"]
-        into, out = folder / f"client{c}.in", folder / f"client{c}.out"
+        into, out = tmp_path / f"client{c}.in", tmp_path / f"client{c}.out"
         into.write_text("".join(line + "\n" for line in lines))
         runs.append((new_client(stdin=into.open("rb"), stdout=out.open("wb")), lines, doomed, out))
     started, peak, kill_at = time.monotonic(), threads, {}
@@ -303,7 +302,7 @@ def test_ten_clients_three_killed_leave_the_server_serving_quiet_whole_and_at_it
 
     # Every line of the log is one whole entry of this server, of a form expected here, and there are as many
     # refused plays of each name as the clients that ran to their end had taken.
-    text = (folder / "quorbel.log").read_bytes().decode()
+    text = (tmp_path / "quorbel.log").read_bytes().decode()
     assert text.endswith("\r\n"), "the log ends inside an entry"
     plays = collections.Counter()
     for n, line in enumerate(text[:-2].split("\r\n")):

@@ -11,11 +11,11 @@ VERSION = re.search(r"project\(Quorbel VERSION (\S+)", (REPO / "CMakeLists.txt")
 
 
 def test_one_instance_forwards_to_itself_quorbel_play_sends_to_it_and_a_close_or_the_sweep_ends_it(
-        server, client, recorder, folder, exe):
+        server, client, recorder, tmp_path, exe):
     # A folder whose path, as Windows sees it (Z: and the host path), is about 200 bytes long: the
     # long name fits as given but not as a full path (past 260 bytes). The same name lies where the
     # server would look.
-    play, out, far = exe("quorbel-play"), folder / "play.out", folder
+    play, out, far = exe("quorbel-play"), tmp_path / "play.out", tmp_path
     while len(str(far)) + 2 < 200:
         far = far / ("d" * min(40, 200 - len(str(far)) - 3))
     far.mkdir(parents=True)
@@ -23,12 +23,11 @@ def test_one_instance_forwards_to_itself_quorbel_play_sends_to_it_and_a_close_or
     sound.write_wav(far / "chime.wav", chime)
     sound.write_wav(far / "tone.wav", sound.tone(1500, 1))  # not in the server's folder
     sound.write_wav(far / name, sound.noise(63, RATE))
-    sound.write_wav(folder / name, sound.noise(64, RATE))
-    sound.write_wav(folder / "kept.wav", sound.tone(1000, 1))
-    sound.write_wav(folder / "held.wav", sound.tone(2500, 1))
+    sound.write_wav(tmp_path / name, sound.noise(64, RATE))
+    sound.write_wav(tmp_path / "kept.wav", sound.tone(1000, 1))
+    sound.write_wav(tmp_path / "held.wav", sound.tone(2500, 1))
     server.start()
-    assert run_windows(exe("quorbel"), cwd=folder) == 0
-    assert server.process.running() and client.server_window()
+    assert run_windows(exe("quorbel"), cwd=tmp_path) == 0 and server.process.running() and client.server_window()
     # With arguments the running server plays them, audibly although no window of the sender is
     # in front, resolved from the sender's folder; a name whose full path does not fit is left out.
     assert run_windows(exe("quorbel"), ["chime.wav"], cwd=far) == 0
@@ -66,15 +65,14 @@ def test_one_instance_forwards_to_itself_quorbel_play_sends_to_it_and_a_close_or
     assert len(server.log()) == 2, server.log()
 
     # quorbel-play with no server: wrong usage and no server are told apart by the exit status, with a message.
-    assert run_windows(play, ["--help"], folder, out) == 0
-    assert "Usage: quorbel-play" in out.read_text()
-    assert run_windows(play, ["--version"], folder, out) == 0 and out.read_text() == f"quorbel-play {VERSION}\n"
+    assert run_windows(play, ["--help"], tmp_path, out) == 0 and "Usage: quorbel-play" in out.read_text()
+    assert run_windows(play, ["--version"], tmp_path, out) == 0 and out.read_text() == f"quorbel-play {VERSION}\n"
     for wrong in (["--bogus", "x.wav"], ["--stop", "--loop", "x.wav"], ["--stop-client", "x.wav"], ["--loop"]):
-        assert run_windows(play, wrong, folder, out) == 2, wrong
-    assert run_windows(play, ["x.wav"], folder, out) == 1
-    assert "no Quorbel server is running" in out.read_text() and not client.server_window()
+        assert run_windows(play, wrong, tmp_path, out) == 2, wrong
+    assert run_windows(play, ["x.wav"], tmp_path, out) == 1 and "no Quorbel server is running" in out.read_text()
+    assert not client.server_window()
     # --start brings a server up; --hold keeps a window of its own as the client for 3 s.
-    assert run_windows(play, ["--start", "--hold", "3", "-l", "-i", "held.wav"], folder, out, 60) == 0
+    assert run_windows(play, ["--start", "--hold", "3", "-l", "-i", "held.wav"], tmp_path, out, 60) == 0
     assert out.read_text().startswith("client 0x"), out.read_text()
     released = recorder.now()
     # Its window gone, the sweep (every 2 s) stops the loop and, the last client gone, ends the server.
@@ -84,29 +82,29 @@ def test_one_instance_forwards_to_itself_quorbel_play_sends_to_it_and_a_close_or
     assert not rec[released + 3 * RATE :].any(), "the loop outlived its client window"
 
 
-def test_quorbel_decode_writes_the_same_bytes_to_standard_output_as_to_a_file(folder, exe):
+def test_quorbel_decode_writes_the_same_bytes_to_standard_output_as_to_a_file(tmp_path, exe):
     decode = exe("quorbel-decode")
-    sound.write_mp3(folder / "noise.mp3", sound.noise(81, RATE))  # its PCM holds 0x0A bytes
-    assert run_windows(decode, ["noise.mp3", "-"], folder, folder / "piped.wav") == 0
-    assert run_windows(decode, ["noise.mp3", "file.wav"], folder) == 0
-    assert (folder / "piped.wav").read_bytes() == (folder / "file.wav").read_bytes()
+    sound.write_mp3(tmp_path / "noise.mp3", sound.noise(81, RATE))  # its PCM holds 0x0A bytes
+    assert run_windows(decode, ["noise.mp3", "-"], tmp_path, tmp_path / "piped.wav") == 0
+    assert run_windows(decode, ["noise.mp3", "file.wav"], tmp_path) == 0
+    assert (tmp_path / "piped.wav").read_bytes() == (tmp_path / "file.wav").read_bytes()
 
 
-def test_refused_files_and_hostile_blocks_are_logged_exactly_and_serving_goes_on(server, client, record, folder):
+def test_refused_files_and_hostile_blocks_are_logged_exactly_and_serving_goes_on(server, client, record, tmp_path):
     # As root, permissions do not stop a write; a folder in the log file's place does. The
     # entries of the first refusals are lost, the plays are not.
-    (folder / "quorbel.log").mkdir()
+    (tmp_path / "quorbel.log").mkdir()
     server.start()
     assert client.send(IGNORE_FOREGROUND, "missing.wav")
     server.serves(record, 71)
-    (folder / "quorbel.log").rmdir()
+    (tmp_path / "quorbel.log").rmdir()
 
     # Each refused play logs its reason, then its player's line: a format the device refuses, each MP3 refusal.
-    (folder / "nochannels.wav").write_bytes(sound.riff(sound.fmt_chunk(0), sound.chunk(b"data", bytes(400))))
+    (tmp_path / "nochannels.wav").write_bytes(sound.riff(sound.fmt_chunk(0), sound.chunk(b"data", bytes(400))))
     # Three Layer II frames (MPEG-1, 128 kbit/s, 44.1 kHz: 417 bytes): the scanner takes them, the
     # decoder plays Layer III only. One Layer III frame alone: no successor confirms it.
-    (folder / "layer2.mp3").write_bytes((b"\xFF\xFD\x80\x00" + b"\x11" * 413) * 3)
-    (folder / "oneframe.mp3").write_bytes(b"\xFF\xFB\x90\x00" + bytes(413))
+    (tmp_path / "layer2.mp3").write_bytes((b"\xFF\xFD\x80\x00" + b"\x11" * 413) * 3)
+    (tmp_path / "oneframe.mp3").write_bytes(b"\xFF\xFB\x90\x00" + bytes(413))
     wav, mp3 = "[player/wav/WavFilePlayer:*]file({}),", "[player/mp3/MP3FilePlayer:*]file({}),"
     refusals = {
         "missing.wav": ["[player/pub/FileMapObj:*]create file(missing.wav) failed(0x00000002)", wav + "open failed"],
@@ -130,8 +128,7 @@ def test_refused_files_and_hostile_blocks_are_logged_exactly_and_serving_goes_on
     ]
     logged = len(server.log())
     for what, dw_data, block in blocks:
-        assert client.ask("raw", f"{dw_data:X}", block.hex()) == "1", what
-        assert server.process.running(), what
+        assert client.ask("raw", f"{dw_data:X}", block.hex()) == "1" and server.process.running(), what
     assert server.wait_for_log(logged + 2)[logged:] == [
         "[player/pub/FileMapObj:*]create file(first.wav) failed(0x00000002)", wav.format("first.wav") + "open failed"]
     server.serves(record, 75)

@@ -10,10 +10,9 @@ import sound
 from conftest import RATE, REPO, WinProcess
 
 
-def test_the_unpacked_zip_builds_a_client_that_plays_through_its_server(tmp_path, server, record):
-    build = os.environ["QUORBEL_WIN_BUILD_DIR"]
-    zip_path = subprocess.run([REPO / "scripts" / "package", "--build", build, "--out", tmp_path / "out"],
-                              capture_output=True, text=True, timeout=300)
+def test_the_unpacked_zip_builds_a_client_that_plays_through_its_server(tmp_path, server, recorder):
+    zip_path = subprocess.run([REPO / "scripts" / "package", "--build", os.environ["QUORBEL_WIN_BUILD_DIR"], "--out",
+                               tmp_path / "out"], capture_output=True, text=True, timeout=300)
     assert zip_path.returncode == 0, zip_path.stderr
     with zipfile.ZipFile(zip_path.stdout.strip()) as z:
         names = z.namelist()
@@ -37,7 +36,6 @@ def test_the_unpacked_zip_builds_a_client_that_plays_through_its_server(tmp_path
     sound.write_wav(tmp_path / "noise.wav", noise)
     server.exe = release / "bin" / "quorbel.exe"
     server.start()
-    recorder = record()
     player = WinProcess(user / "play-once.exe", ["noise.wav", 2], cwd=tmp_path, stderr=subprocess.PIPE)
     assert player.wait(30) == 0, player.stderr.read()
     heard = sound.match(recorder.stop(), noise)

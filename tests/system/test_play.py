@@ -24,25 +24,25 @@ def decode(folder, name):
     return pcm[loud[0] : loud[-1] + 1]
 
 
-def test_files_play_once_exactly_or_at_their_own_format_and_loop_without_a_gap(server, client, recorder, folder):
+def test_files_play_once_exactly_or_at_their_own_format_and_loop_without_a_gap(server, client, recorder, tmp_path):
     wav, loop = sound.noise(1101, RATE), sound.noise(31, RATE // 2)
-    sound.write_wav(folder / "noise.wav", wav)
-    sound.write_wav(folder / "loop.wav", loop)
+    sound.write_wav(tmp_path / "noise.wav", wav)
+    sound.write_wav(tmp_path / "loop.wav", loop)
     # Two data chunks with an odd-sized chunk between them, stepped over without a pad byte.
     first, second = sound.noise(21, RATE // 2), sound.noise(22, RATE // 2)
-    (folder / "two.wav").write_bytes(sound.riff(sound.fmt_chunk(), sound.chunk(b"data", first.tobytes()),
+    (tmp_path / "two.wav").write_bytes(sound.riff(sound.fmt_chunk(), sound.chunk(b"data", first.tobytes()),
                                                 sound.chunk(b"junk", b"abc"), sound.chunk(b"data", second.tobytes())))
-    sound.write_mp3(folder / "noise.mp3", sound.noise(1201, 2 * RATE), RATE, "-b", "128")
+    sound.write_mp3(tmp_path / "noise.mp3", sound.noise(1201, 2 * RATE), RATE, "-b", "128")
     # A tone played at another rate or channel count than its own is heard at another pitch.
-    sound.write_mp3(folder / "mono.mp3", sound.tone(700, 1, channels=1), RATE, "-m", "m", "-b", "96")
-    sound.write_mp3(folder / "half.mp3", sound.tone(1500, 1, rate=RATE // 2), RATE // 2, "-b", "64")
-    half = (folder / "half.mp3").read_bytes()
+    sound.write_mp3(tmp_path / "mono.mp3", sound.tone(700, 1, channels=1), RATE, "-m", "m", "-b", "96")
+    sound.write_mp3(tmp_path / "half.mp3", sound.tone(1500, 1, rate=RATE // 2), RATE // 2, "-b", "64")
+    half = (tmp_path / "half.mp3").read_bytes()
     assert half[1] & 0x18 == 0x10 and (half[2] >> 2) & 3 == 0, "lame did not write MPEG-2 at 22050 Hz"
     # Five frames, no tag frame: a pass shorter than the output's ring. The decoder runs on from
     # pass to pass, so a loop sounds as the frames decoded several times in a row.
-    sound.write_mp3(folder / "loop.mp3", sound.noise(1401, 4000), RATE, "-t", "-b", "128")
-    assert 5 * 417 <= len((folder / "loop.mp3").read_bytes()) <= 5 * 418, "lame did not write five frames"
-    (folder / "eight.mp3").write_bytes((folder / "loop.mp3").read_bytes() * 8)
+    sound.write_mp3(tmp_path / "loop.mp3", sound.noise(1401, 4000), RATE, "-t", "-b", "128")
+    assert 5 * 417 <= len((tmp_path / "loop.mp3").read_bytes()) <= 5 * 418, "lame did not write five frames"
+    (tmp_path / "eight.mp3").write_bytes((tmp_path / "loop.mp3").read_bytes() * 8)
 
     server.start()
     # Each request, marked by the frame recorded before it, then given its time. Other forms of loop.wav's path
@@ -57,7 +57,7 @@ def test_files_play_once_exactly_or_at_their_own_format_and_loop_without_a_gap(s
         time.sleep(seconds)
     rec = recorder.stop(0)
 
-    for material, mark in ((wav, 0), (np.concatenate((first, second)), 1), (decode(folder, "noise.mp3"), 2)):
+    for material, mark in ((wav, 0), (np.concatenate((first, second)), 1), (decode(tmp_path, "noise.mp3"), 2)):
         heard = sound.match(rec, material, marks[mark])
         assert heard.whole(), heard
         assert sound.match(rec, material, heard.end).found == 0, "played more than once"
@@ -68,20 +68,20 @@ def test_files_play_once_exactly_or_at_their_own_format_and_loop_without_a_gap(s
     assert sound.match(rec, loop, marks[8]).found > 0, "a stop by another form of the path stopped it"
     # A stop returns once the queued sound has played: nothing half a second after it.
     assert not np.any(rec[marks[9] - RATE * 3 // 10 : marks[9]]), "the WAV loop sounded after its stop"
-    passes = sound.match(rec, decode(folder, "eight.mp3"), marks[9])
+    passes = sound.match(rec, decode(tmp_path, "eight.mp3"), marks[9])
     assert passes.whole(), f"the MP3's passes are not its frames over again: {passes}"
     assert not np.any(rec[-RATE // 2 :]), "the MP3 loop sounded after its stop"
     assert server.log() == []
 
 
 def test_stops_reach_the_plays_they_name_and_plays_follow_the_foreground(
-        server, client, new_client, recorder, folder):
+        server, client, new_client, recorder, tmp_path):
     tones = {"a.wav": 440, "b.mp3": 1000, "c.mp3": 2500, "d.mp3": 1700, "e.wav": 3100}
     for name, frequency in tones.items():
-        (sound.write_wav if name.endswith(".wav") else sound.write_mp3)(folder / name, sound.tone(frequency, 1, 6000))
+        (sound.write_wav if name.endswith(".wav") else sound.write_mp3)(tmp_path / name, sound.tone(frequency, 1, 6000))
     always, noise = sound.noise(51, RATE), sound.noise(41, 10 * RATE)
-    sound.write_wav(folder / "always.wav", always)
-    sound.write_wav(folder / "fg.wav", noise)
+    sound.write_wav(tmp_path / "always.wav", always)
+    sound.write_wav(tmp_path / "fg.wav", noise)
     server.start()
     other = new_client()
     client.ask("window")

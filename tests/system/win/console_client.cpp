@@ -13,7 +13,6 @@
 #include <windows.h>
 
 #include <cstdio>
-#include <cstdlib>
 #include <iostream>
 #include <map>
 #include <sstream>
@@ -44,10 +43,6 @@ std::string Hex(uint32_t v) {
     char text[16];
     std::snprintf(text, sizeof text, "0x%08X", v);
     return text;
-}
-
-unsigned long long FromHex(const std::string& text) {
-    return std::strtoull(text.c_str(), nullptr, 16);
 }
 
 // Our commands wait in the queue: they are carried out one by one, after this.
@@ -114,14 +109,15 @@ std::string Carry(const std::vector<std::string>& f) {
         for (size_t i = 2; i < f.size(); ++i) {
             if (!block.AddName(f[i].c_str())) return "0";
         }
-        const unsigned flags = static_cast<unsigned>(FromHex(f[1]));
+        const unsigned flags = static_cast<unsigned>(std::stoull(f[1], nullptr, 16));
         return CQuorbelClient::SendBlock(server, block, flags, kSendTimeoutMs) ? "1" : "0";
     }
     if (command == "raw" && f.size() > 2) {
         std::string bytes;
-        for (size_t i = 0; i + 1 < f[2].size(); i += 2) bytes += char(FromHex(f[2].substr(i, 2)));
+        for (size_t i = 0; i + 1 < f[2].size(); i += 2)
+            bytes += char(std::stoull(f[2].substr(i, 2), nullptr, 16));
         // Never a null pointer, not even for an empty block.
-        COPYDATASTRUCT cds = {static_cast<ULONG_PTR>(FromHex(f[1])),
+        COPYDATASTRUCT cds = {static_cast<ULONG_PTR>(std::stoull(f[1], nullptr, 16)),
                               static_cast<DWORD>(bytes.size()), &bytes[0]};
         DWORD_PTR taken = 0;
         SendMessageTimeoutA(server, WM_COPYDATA, 0, reinterpret_cast<LPARAM>(&cds), SMTO_NORMAL,
@@ -135,7 +131,7 @@ std::string Carry(const std::vector<std::string>& f) {
         return GetForegroundWindow() == g_hWnd ? "1" : "0";
     }
     if (command == "wait" && f.size() > 1) {
-        PumpFor(static_cast<DWORD>(std::strtoul(f[1].c_str(), nullptr, 10)));
+        PumpFor(static_cast<DWORD>(std::stoul(f[1])));
         return "1";
     }
     if (command == "find") return Hex(HandleToUlong(server));
