@@ -57,24 +57,17 @@ protected:
 TEST_F(PlaylistRace, MixedTrafficFromTheMainThreadAgainstPlayThreads) {
     CWavFilePlayer player;
     for (int i = 0; i < 600; ++i) {
-        switch (random() % 6) {
-            case 0:
-            case 1:
-                player.Play(AnyClient(), AnyName().c_str(), random() % 2, random() % 2 ? 7 : 0);
-                break;
-            case 2:
-                player.StopFile(AnyClient(), AnyName(true).c_str());
-                break;
-            case 3:
-                player.StopOtherFiles(AnyClient(), AnyName(true).c_str());
-                break;
-            case 4:
-                player.StopClient(AnyClient());
-                break;
-            case 5:
-                player.SetForegroundProcess(random() % 2 ? 7 : 0);
-                break;
-        }
+        const int what = random() % 6;
+        if (what < 2)
+            player.Play(AnyClient(), AnyName().c_str(), random() % 2, random() % 2 ? 7 : 0);
+        else if (what == 2)
+            player.StopFile(AnyClient(), AnyName(true).c_str());
+        else if (what == 3)
+            player.StopOtherFiles(AnyClient(), AnyName(true).c_str());
+        else if (what == 4)
+            player.StopClient(AnyClient());
+        else
+            player.SetForegroundProcess(random() % 2 ? 7 : 0);
     }
     // A stop does not reach a play still opening, which then loops until a later one: stop
     // until every thread has ended.
