@@ -28,8 +28,7 @@ def wait_until(condition, timeout, step=0.05):
 
 @pytest.fixture(scope="session")
 def exe():
-    missing = [v for v in ("QUORBEL_WIN_BUILD_DIR", "QUORBEL_SESSION_DIR", "WINEPREFIX", "PULSE_SERVER")
-               if not os.environ.get(v)]
+    missing = [v for v in ("QUORBEL_WIN_BUILD_DIR", "QUORBEL_SESSION_DIR", "WINEPREFIX") if v not in os.environ]
     if missing:
         pytest.exit(f"not inside the Wine session: {', '.join(missing)} unset (see conftest.py)", 2)
     build = Path(os.environ["QUORBEL_WIN_BUILD_DIR"])
@@ -46,7 +45,6 @@ class WinProcess(subprocess.Popen):
 
 
 def run_windows(exe, args=(), cwd=None, output=None, timeout=30):
-    """Its exit status; one that does not end in time is killed and fails the test."""
     with (output.open("wb") if output else open(os.devnull, "wb")) as out:
         return subprocess.run(["wine", exe, *map(str, args)], cwd=cwd, stdout=out, stderr=subprocess.STDOUT,
                               timeout=timeout).returncode
@@ -54,9 +52,6 @@ def run_windows(exe, args=(), cwd=None, output=None, timeout=30):
 
 class Client(WinProcess):
     """win/console_client.cpp: its commands asked one by one, or all read from a file as its input."""
-
-    def __init__(self, exe, cwd, **streams):
-        super().__init__(exe, cwd=cwd, **{"stdin": subprocess.PIPE, "stdout": subprocess.PIPE, **streams})
 
     def ask(self, *fields, timeout=30):
         self.stdin.write(("\t".join(map(str, fields)) + "\n").encode())
@@ -92,7 +87,6 @@ class Recorder(subprocess.Popen):
         return np.fromfile(self.path, "<i2", self.now() * 2).reshape(-1, 2)
 
     def stop(self, after=0.4):
-        """Ends the recording a little later and returns it (frames x 2)."""
         time.sleep(after)
         self.terminate()
         self.wait(10)
@@ -128,17 +122,17 @@ class Server:
         """Plays a second of fresh noise from the client (the test's) and asserts that (this share of) it is heard."""
         noise = sound.noise(seed, RATE)
         sound.write_wav(self.folder / f"serves{seed}.wav", noise)
-        recorder = record(f"serves{seed}")
+        recorder = record()
         assert (client or self.client).send(IGNORE_FOREGROUND, f"serves{seed}.wav")
-        time.sleep(2)
-        heard = sound.match(recorder.stop(0), noise)
+        heard = sound.match(recorder.stop(2), noise)
         assert heard.whole(share), f"the server does not serve: {heard}"
 
 
 @pytest.fixture
 def new_client(exe, tmp_path):
     started = []
-    yield lambda **streams: started.append(Client(exe("console_client"), tmp_path, **streams)) or started[-1]
+    yield lambda stdin=subprocess.PIPE, stdout=subprocess.PIPE: started.append(
+        Client(exe("console_client"), cwd=tmp_path, stdin=stdin, stdout=stdout)) or started[-1]
     for c in started:
         c.kill()
 
@@ -165,7 +159,7 @@ def server(exe, tmp_path, client):
 @pytest.fixture
 def record(tmp_path):
     started = []
-    yield lambda name="recording": started.append(Recorder(tmp_path / f"{name}.raw")) or started[-1]
+    yield lambda: started.append(Recorder(tmp_path / f"recording{len(started)}.raw")) or started[-1]
     for r in started:
         r.kill()
         r.wait()

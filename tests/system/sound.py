@@ -45,11 +45,6 @@ def write_mp3(path, samples, rate=RATE, *options):
     subprocess.run(["lame", "--quiet", *options, path.with_suffix(".in.wav"), path], check=True, timeout=60)
 
 
-def _keys(frames):
-    """One 32-bit value per stereo frame."""
-    return np.ascontiguousarray(frames.astype(np.int16)).view(np.uint32).reshape(-1)
-
-
 class Match:
     """Where each block of the material lies (None: not found in order), how many came early (the
     stream skipped material), and where the material ends."""
@@ -57,10 +52,9 @@ class Match:
     def __init__(self, places, early, end):
         self.places, self.early, self.end = places, early, end
         self.found = sum(p is not None for p in places)
-        self.fraction = self.found / len(places) if places else 0.0
 
     def whole(self, share=0.95):
-        return self.early == 0 and self.fraction >= share
+        return self.early == 0 and self.found >= share * len(self.places)
 
     def __repr__(self):
         return f"Match({self.found} of {len(self.places)} blocks in order, {self.early} early, end {self.end})"
@@ -70,10 +64,11 @@ def match(recording, material, start=0):
     """Finds the material's blocks in order, from frame start on. Each block after the first found
     must lie where the one before it ends, or later by no more frames than the zeros in between; one
     that lies earlier counts as early, one that lies later with sound in between is not counted."""
-    rec, places, early = _keys(recording), [], 0
+    keys = lambda frames: np.ascontiguousarray(frames).view(np.uint32).reshape(-1)  # one value a stereo frame
+    rec, places, early = keys(recording), [], 0
     last_end = expected = None  # where the last block found ends; where the next should begin
     for i in range(len(material) // BLOCK_FRAMES):
-        block, begin = _keys(material[i * BLOCK_FRAMES : (i + 1) * BLOCK_FRAMES]), last_end or start
+        block, begin = keys(material[i * BLOCK_FRAMES : (i + 1) * BLOCK_FRAMES]), last_end or start
         at = next((int(at) for at in np.flatnonzero(rec[begin : len(rec) - BLOCK_FRAMES + 1] == block[0]) + begin
                    if np.array_equal(rec[at : at + BLOCK_FRAMES], block)), None)
         if at is not None and expected is not None and at != expected:

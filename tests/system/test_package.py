@@ -1,6 +1,5 @@
-"""The release as a user gets it: scripts/package's zip of the Windows build, unpacked, serves
-another project. That project (tests/package) finds the client library with find_package, is
-built against the unpacked folder alone, and plays a WAV through the packaged server."""
+"""The release as a user gets it: scripts/package's zip of the Windows build, unpacked, serves another project
+(tests/package) that finds the client library with find_package in that folder alone and plays a WAV through it."""
 
 import os
 import subprocess

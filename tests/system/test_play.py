@@ -1,6 +1,5 @@
-"""What the server plays, as recorded from the session's sound server: WAV files bit for bit, MP3
-files as quorbel-decode decodes them or at their own format, loops without a gap, the stops, and
-the foreground. MP3 material is encoded with lame at test time from PCM made here."""
+"""What the server plays, as recorded from the session's sound server: WAV files bit for bit, MP3 files (lame's, of
+PCM made here) as quorbel-decode decodes them or at their own format, loops without a gap, the stops, the foreground."""
 
 import os
 import subprocess
@@ -45,8 +44,7 @@ def test_files_play_once_exactly_or_at_their_own_format_and_loop_without_a_gap(s
     (tmp_path / "eight.mp3").write_bytes((tmp_path / "loop.mp3").read_bytes() * 8)
 
     server.start()
-    # Each request, marked by the frame recorded before it, then given its time. Other forms of loop.wav's path
-    # are other names; its name in another letter case is its own.
+    # Other forms of loop.wav's path are other names; its name in another letter case is its own.
     marks = []
     for flags, name, seconds in ((0, "noise.wav", 1.5), (0, "two.wav", 1.5), (0, "noise.mp3", 2.5),
                                  (0, "mono.mp3", 1.6), (0, "half.mp3", 1.6), (LOOP, "loop.wav", 2.3),
@@ -91,8 +89,7 @@ def test_stops_reach_the_plays_they_name_and_plays_follow_the_foreground(
     for frequency in tones.values():
         assert recorder.wait_for_tone(frequency), frequency
     time.sleep(0.5)
-    # All of this client's plays but a.wav, whatever its letter case; the other client's, by no name; each of two
-    # names stops the other.
+    # This client's plays but a.wav (in any letter case); the other's, by no name; each of two names stops the other.
     marks = [recorder.now()]
     for sender, flags, *names in ((client, STOP | STOP_OTHERS, "A.WAV"), (other, STOP_CLIENT),
                                   (client, STOP | STOP_OTHERS, "a.wav", "x.wav")):

@@ -1,12 +1,11 @@
-// A client of the server for the system tests: one command a line on standard input, fields
-// separated by tabs, one answer line each (windows as 0x%08X); a send answers 1 once carried out.
+// A client of the server for the system tests: one command a line on standard input until its end,
+// fields separated by tabs, one answer line each (windows as 0x%08X); a send answers 1 once done.
 //   window / front / find     make our window / bring it to the front (1 if so) / find the server
 //   send FLAGS NAME...        a request (FLAGS in hex) from our window, or as client 0 before it
 //   raw DWDATA HEX            a block of exactly these bytes with this dwData (hex)
-//   wait MS / close / quit    handle our messages for MS ms / post WM_CLOSE to the server / end
+//   wait MS / close           handle our messages for MS ms / post WM_CLOSE to the server
 //   handles                   "pid P event T types TYPE:N ...": the server's handles by type
-//   replace SOURCE TARGET     MoveFileEx, replacing, and truncate FILE, cutting it to nothing, as
-//                             a Windows program would: "done" or "refused STEP CODE"
+//   replace FROM TO / truncate FILE   move, replacing / cut to nothing: "done" or "refused STEP CODE"
 // Standard input is read on a thread of its own: the main thread, which carries the commands out,
 // handles the window's messages between them, so a busy client has a live window.
 
@@ -15,7 +14,6 @@
 #include <cstdio>
 #include <iostream>
 #include <map>
-#include <sstream>
 #include <string>
 #include <vector>
 
@@ -27,15 +25,15 @@ const UINT WM_COMMAND_READY = WM_APP + 1;
 const DWORD kSendTimeoutMs = 120000;  // a stop of many plays drains them one after another
 
 HWND g_hWnd = nullptr;
+const DWORD g_mainThread = GetCurrentThreadId();  // set before main, on the main thread
 
-DWORD WINAPI ReadInput(LPVOID mainThread) {
-    const DWORD to = static_cast<DWORD>(reinterpret_cast<ULONG_PTR>(mainThread));
+DWORD WINAPI ReadInput(LPVOID) {
     std::string line;
     while (std::getline(std::cin, line)) {
-        PostThreadMessageA(to, WM_COMMAND_READY, 0,
+        PostThreadMessageA(g_mainThread, WM_COMMAND_READY, 0,
                            reinterpret_cast<LPARAM>(new std::string(line)));
     }
-    PostThreadMessageA(to, WM_COMMAND_READY, 0, reinterpret_cast<LPARAM>(new std::string("quit")));
+    PostThreadMessageA(g_mainThread, WM_COMMAND_READY, 0, 0);  // the end
     return 0;
 }
 
@@ -51,9 +49,8 @@ void PumpFor(DWORD ms) {
     do {
         MsgWaitForMultipleObjects(0, nullptr, FALSE, 20, QS_ALLINPUT);
         MSG msg;
-        while (PeekMessageA(&msg, nullptr, 0, WM_COMMAND_READY - 1, PM_REMOVE)) {
+        while (PeekMessageA(&msg, nullptr, 0, WM_COMMAND_READY - 1, PM_REMOVE))
             DispatchMessageA(&msg);
-        }
     } while (GetTickCount() - start < ms);
 }
 
@@ -99,16 +96,14 @@ std::string Handles(HWND server) {
 std::string Carry(const std::vector<std::string>& f) {
     const std::string& command = f[0];
     HWND server = CQuorbelClient::FindServer();
-    if (command == "window" && g_hWnd == nullptr) {
+    if (command == "window" && g_hWnd == nullptr)
         g_hWnd = CreateWindowExA(0, "STATIC", "quorbel test client", WS_OVERLAPPEDWINDOW, 10, 10,
                                  200, 100, nullptr, nullptr, GetModuleHandleA(nullptr), nullptr);
-    }
     if (command == "window") return Hex(HandleToUlong(g_hWnd));
     if (command == "send" && f.size() > 1) {
         CQuorbelClient::CRequestBlock block(HandleToLong(g_hWnd));
-        for (size_t i = 2; i < f.size(); ++i) {
+        for (size_t i = 2; i < f.size(); ++i)
             if (!block.AddName(f[i].c_str())) return "0";
-        }
         const unsigned flags = static_cast<unsigned>(std::stoull(f[1], nullptr, 16));
         return CQuorbelClient::SendBlock(server, block, flags, kSendTimeoutMs) ? "1" : "0";
     }
@@ -147,12 +142,10 @@ std::string Carry(const std::vector<std::string>& f) {
         // Shared as widely as Windows allows: what is refused is refused because of another opener.
         HANDLE h = CreateFileA(f[1].c_str(), GENERIC_WRITE,
                                FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr,
-                               OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr);
+                               TRUNCATE_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr);
         if (h == INVALID_HANDLE_VALUE) return "refused CreateFile " + Hex(GetLastError());
-        const std::string answer =
-            SetEndOfFile(h) ? "done" : "refused SetEndOfFile " + Hex(GetLastError());
         CloseHandle(h);
-        return answer;
+        return "done";
     }
     return "0";
 }
@@ -163,26 +156,19 @@ int main() {
     MSG msg;
     // The thread's queue exists before the reader posts.
     PeekMessageA(&msg, nullptr, 0, 0, PM_NOREMOVE);
-    const ULONG_PTR self = GetCurrentThreadId();
-    HANDLE reader =
-        CreateThread(nullptr, 0, &ReadInput, reinterpret_cast<LPVOID>(self), 0, nullptr);
-    if (reader == nullptr) return 2;
-    CloseHandle(reader);
+    if (CreateThread(nullptr, 0, &ReadInput, nullptr, 0, nullptr) == nullptr) return 2;
     while (GetMessageA(&msg, nullptr, 0, 0) > 0) {
         if (msg.message != WM_COMMAND_READY) {
             DispatchMessageA(&msg);
             continue;
         }
         const std::string* line = reinterpret_cast<const std::string*>(msg.lParam);
-        std::vector<std::string> fields;
-        std::istringstream in(*line);
-        for (std::string field; std::getline(in, field, '\t');) fields.push_back(field);
-        if (line->empty() || line->back() == '\t') fields.push_back("");  // the last field, empty
+        if (line == nullptr) break;          // our window goes with the process
+        std::vector<std::string> fields(1);  // split at each tab, empty fields kept
+        for (char c : *line) c == '\t' ? fields.emplace_back() : fields.back() += c;
         delete line;
-        if (fields[0] == "quit") break;  // our window goes with the process
         std::printf("%s\n", Carry(fields).c_str());
         std::fflush(stdout);
     }
-    std::printf("1\n");
     return 0;
 }
