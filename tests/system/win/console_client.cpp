@@ -156,7 +156,9 @@ int main() {
     MSG msg;
     // The thread's queue exists before the reader posts.
     PeekMessageA(&msg, nullptr, 0, 0, PM_NOREMOVE);
-    if (CreateThread(nullptr, 0, &ReadInput, nullptr, 0, nullptr) == nullptr) return 2;
+    HANDLE reader = CreateThread(nullptr, 0, &ReadInput, nullptr, 0, nullptr);
+    if (reader == nullptr) return 2;
+    CloseHandle(reader);  // it ends with the process
     while (GetMessageA(&msg, nullptr, 0, 0) > 0) {
         if (msg.message != WM_COMMAND_READY) {
             DispatchMessageA(&msg);
